@@ -1,0 +1,41 @@
+// The companion's end of the channel: connects to the helper, passes its admission, and calls the
+// four operations. One call at a time; used from one thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "QRVFanShared/FanControlXPC.h"
+
+namespace quorvane {
+
+class FanControlClient {
+ public:
+  struct Outcome {
+    bool success = false;
+    std::optional<std::string> message;
+  };
+
+  FanControlClient();
+  ~FanControlClient();
+  FanControlClient(const FanControlClient&) = delete;
+  FanControlClient& operator=(const FanControlClient&) = delete;
+
+  /// Connects and is admitted, within `replyTimeout`. False leaves the reason in error().
+  [[nodiscard]] bool connect();
+
+  /// Nothing when the helper could not be asked or did not answer within `replyTimeout`: error()
+  /// says why, and the connection is over.
+  [[nodiscard]] std::optional<Outcome> writeFanKey(const std::string& key, std::int64_t value,
+                                                   bool isFloat);
+  [[nodiscard]] std::optional<Outcome> restoreAuto();
+  [[nodiscard]] std::optional<StatusReport> status();
+  [[nodiscard]] std::optional<std::string> ping();
+
+  /// One line for a person, of the last failure.
+  [[nodiscard]] const std::string& error() const;
+};
+
+}  // namespace quorvane

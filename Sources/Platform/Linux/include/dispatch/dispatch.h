@@ -1,0 +1,70 @@
+// The libdispatch calls that the helper uses, with the signatures of macOS's <dispatch/dispatch.h>
+// in C++. What they promise is libdispatch's own; the conformance tests hold both implementations
+// to it.
+#pragma once
+
+#include <stdint.h>
+
+/// The base of everything that dispatch counts references to.
+struct dispatch_object_s {
+ protected:
+  dispatch_object_s() = default;
+  ~dispatch_object_s() = default;
+};
+typedef dispatch_object_s* dispatch_object_t;
+
+struct dispatch_queue_s : public dispatch_object_s {};
+struct dispatch_queue_main_s : public dispatch_queue_s {};
+struct dispatch_queue_attr_s : public dispatch_object_s {};
+struct dispatch_source_s : public dispatch_object_s {};
+typedef dispatch_queue_s* dispatch_queue_t;
+typedef dispatch_queue_main_s* dispatch_queue_main_t;
+typedef dispatch_queue_attr_s* dispatch_queue_attr_t;
+typedef dispatch_source_s* dispatch_source_t;
+typedef const struct dispatch_source_type_s* dispatch_source_type_t;
+
+typedef void (*dispatch_function_t)(void*);
+/// On the default clock, in nanoseconds; opaque but for the two constants below.
+typedef uint64_t dispatch_time_t;
+
+#define DISPATCH_TIME_NOW (0ull)
+#define DISPATCH_TIME_FOREVER (~0ull)
+#define NSEC_PER_SEC 1000000000ull
+#define DISPATCH_QUEUE_SERIAL nullptr
+#define DISPATCH_SOURCE_TYPE_TIMER (&_dispatch_source_type_timer)
+#define DISPATCH_SOURCE_TYPE_SIGNAL (&_dispatch_source_type_signal)
+
+extern "C" {
+
+extern const struct dispatch_source_type_s _dispatch_source_type_timer;
+extern const struct dispatch_source_type_s _dispatch_source_type_signal;
+
+dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t attributes);
+void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work);
+void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work);
+dispatch_queue_main_t dispatch_get_main_queue(void);
+[[noreturn]] void dispatch_main(void);
+
+/// A source starts suspended. `handle` is the signal number of a signal source, 0 of a timer.
+dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t handle,
+                                         uintptr_t mask, dispatch_queue_t queue);
+/// An `interval` of DISPATCH_TIME_FOREVER makes the timer fire once.
+void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, uint64_t interval,
+                               uint64_t leeway);
+void dispatch_source_set_event_handler_f(dispatch_source_t source, dispatch_function_t handler);
+/// Final when called on the source's queue: the handler does not run afterwards, even when it was
+/// already due.
+void dispatch_source_cancel(dispatch_source_t source);
+
+void dispatch_set_context(dispatch_object_t object, void* context);
+/// Runs on the source's queue with the context, once, after the last reference is gone and no
+/// handler runs.
+void dispatch_set_finalizer_f(dispatch_object_t object, dispatch_function_t finalizer);
+void dispatch_suspend(dispatch_object_t object);
+void dispatch_resume(dispatch_object_t object);
+void dispatch_release(dispatch_object_t object);
+
+/// `delta` nanoseconds after `when`.
+dispatch_time_t dispatch_time(dispatch_time_t when, int64_t delta);
+
+}  // extern "C"

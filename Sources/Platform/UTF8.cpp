@@ -1,0 +1,71 @@
+#include "Platform/UTF8.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace quorvane {
+namespace {
+
+struct Subpart {
+  std::size_t length;
+  bool wellFormed;
+};
+
+/// What may stand behind a lead byte: how many trail bytes, and the range of the first one. The
+/// others lie in 80..BF.
+struct Lead {
+  std::size_t trailCount;
+  std::uint8_t firstTrailMin;
+  std::uint8_t firstTrailMax;
+};
+
+/// The rows of table 3-7; a byte that leads nothing has no trail bytes and an empty range.
+Lead leadOf(std::uint8_t byte) {
+  if (byte >= 0xC2 && byte <= 0xDF) return {1, 0x80, 0xBF};
+  if (byte == 0xE0) return {2, 0xA0, 0xBF};
+  if (byte == 0xED) return {2, 0x80, 0x9F};
+  if (byte >= 0xE1 && byte <= 0xEF) return {2, 0x80, 0xBF};
+  if (byte == 0xF0) return {3, 0x90, 0xBF};
+  if (byte >= 0xF1 && byte <= 0xF3) return {3, 0x80, 0xBF};
+  if (byte == 0xF4) return {3, 0x80, 0x8F};
+  return {0, 1, 0};
+}
+
+/// The character, or the maximal subpart of an ill-formed one, that a text which is not empty
+/// begins with.
+Subpart firstSubpart(std::string_view text) {
+  const auto byteAt = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
+  if (byteAt(0) < 0x80) return {1, true};
+  const Lead lead = leadOf(byteAt(0));
+  std::size_t length = 1;
+  while (length <= lead.trailCount && length < text.size()) {
+    const std::uint8_t min = length == 1 ? lead.firstTrailMin : 0x80;
+    const std::uint8_t max = length == 1 ? lead.firstTrailMax : 0xBF;
+    if (byteAt(length) < min || byteAt(length) > max) break;
+    ++length;
+  }
+  return {length, lead.trailCount > 0 && length == lead.trailCount + 1};
+}
+
+}  // namespace
+
+bool isValidUTF8(std::string_view text) {
+  while (!text.empty()) {
+    const Subpart part = firstSubpart(text);
+    if (!part.wellFormed) return false;
+    text.remove_prefix(part.length);
+  }
+  return true;
+}
+
+std::string replacingInvalidUTF8(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    const Subpart part = firstSubpart(text);
+    result.append(part.wellFormed ? text.substr(0, part.length) : "\xEF\xBF\xBD");
+    text.remove_prefix(part.length);
+  }
+  return result;
+}
+
+}  // namespace quorvane

@@ -1,0 +1,89 @@
+// The contract between the helper and its companion application: the constants both sides use, and
+// the one interface that the helper exports. Standard library only; immutable, so usable from any
+// thread.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace quorvane {
+
+namespace FanControlConstants {
+
+inline constexpr char helperMachService[] = "com.quorvane.fanhelper";
+/// File name of the helper's launchd property list; for the application's side.
+inline constexpr char helperPlistName[] = "com.quorvane.fanhelper.plist";
+inline constexpr std::array<std::string_view, 2> appBundleIDs{"com.quorvane.app",
+                                                              "com.quorvane.app-vendra"};
+inline constexpr std::string_view teamID = "X4TQ8RW2ZN";
+/// How long one forcing write keeps manual control, in seconds.
+inline constexpr std::int64_t leaseSeconds = 20;
+/// How long a manual period may last however often it is renewed, in seconds.
+inline constexpr std::int64_t maxManualSeconds = 1800;
+inline constexpr char auditLogPath[] = "/Library/Application Support/Quorvane/fan-audit.log";
+/// What the helper's own signature satisfies; for the application's side.
+inline constexpr std::string_view helperCodeRequirement =
+    "identifier \"com.quorvane.fanhelper\" and anchor apple generic and "
+    "certificate leaf[subject.OU] = \"X4TQ8RW2ZN\"";
+
+/// What a client's signature must satisfy, in the code-signing requirement language; composed on
+/// each call.
+std::string appCodeRequirement();
+
+}  // namespace FanControlConstants
+
+/// The status report: six entries in the order in which they are assembled, keys unique.
+using StatusReport = std::vector<std::pair<std::string, std::string>>;
+
+/// The operations of the helper. Calls arrive on a connection's thread and return at once; each
+/// reply is called exactly once, from the connection's thread or from the service's queue.
+class FanControlXPC {
+ public:
+  /// Whether the operation did what was asked; if not, a text that says why.
+  using OutcomeReply = std::function<void(bool success, std::optional<std::string> message)>;
+  using StatusReply = std::function<void(StatusReport status)>;
+  using PingReply = std::function<void(std::string answer)>;
+
+  virtual ~FanControlXPC() = default;
+
+  virtual void writeFanKey(std::string key, std::int64_t value, bool isFloat,
+                           OutcomeReply reply) = 0;
+  virtual void restoreAuto(OutcomeReply reply) = 0;
+  virtual void status(StatusReply reply) = 0;
+  virtual void ping(PingReply reply) = 0;
+};
+
+/// The types that cross the channel.
+enum class XPCType : std::uint8_t { boolean, int64, string, optionalString, stringDictionary };
+
+/// One operation as it crosses the channel: its selector and the types of its arguments and of its
+/// reply.
+struct XPCOperation {
+  std::string_view selector;
+  std::span<const XPCType> arguments;
+  std::span<const XPCType> reply;
+};
+
+namespace XPCTypes {
+inline constexpr std::array writeArguments{XPCType::string, XPCType::int64, XPCType::boolean};
+inline constexpr std::array outcome{XPCType::boolean, XPCType::optionalString};
+inline constexpr std::array status{XPCType::stringDictionary};
+inline constexpr std::array text{XPCType::string};
+}  // namespace XPCTypes
+
+/// The operations of FanControlXPC in the order of their declaration.
+inline constexpr std::array<XPCOperation, 4> fanControlOperations{{
+    {"writeFanKey:value:isFloat:reply:", XPCTypes::writeArguments, XPCTypes::outcome},
+    {"restoreAutoWithReply:", {}, XPCTypes::outcome},
+    {"statusWithReply:", {}, XPCTypes::status},
+    {"pingWithReply:", {}, XPCTypes::text},
+}};
+
+}  // namespace quorvane
