@@ -1,0 +1,72 @@
+#include "QuorvaneFanHelper/AuditLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include "Platform/SystemPath.h"
+#include "QRVFanShared/FanControlXPC.h"
+
+namespace quorvane {
+namespace {
+
+constexpr mode_t filePermissions = 0644;
+
+/// RFC 3339 in UTC with whole seconds: "2025-03-01T12:00:05Z".
+std::string timestamp() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char text[sizeof "2025-03-01T12:00:05Z"] = {};
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+void writeAll(int file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(file, bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+/// False when there is no file that can be opened; a line that could not be written to an open one
+/// is lost.
+bool appendToExisting(const std::string& path, std::string_view line) {
+  // Not blocking, so that a fifo in the file's place cannot hold up the fans.
+  const int file = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
+  if (file < 0) return false;
+  if (::lseek(file, 0, SEEK_END) >= 0) writeAll(file, line);
+  ::close(file);
+  return true;
+}
+
+void writeNew(const std::string& path, std::string_view line) {
+  // Exclusive, so that a file which exists but cannot be opened is never truncated.
+  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, filePermissions);
+  if (file >= 0) {
+    writeAll(file, line);
+    ::close(file);
+  }
+  // Whether or not that worked; the mode given above is subject to the umask.
+  ::chmod(path.c_str(), filePermissions);
+}
+
+}  // namespace
+
+void audit(std::string_view message) {
+  const std::string line = timestamp().append("  ").append(message).append("\n");
+  const std::string path = systemPath(FanControlConstants::auditLogPath);
+  std::error_code ignored;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+  if (!appendToExisting(path, line)) writeNew(path, line);
+}
+
+}  // namespace quorvane

@@ -1,0 +1,18 @@
+#include "QuorvaneFanHelper/ListenerDelegate.h"
+
+#include <utility>
+
+namespace quorvane {
+
+ListenerDelegate::ListenerDelegate(std::shared_ptr<FanControlXPC> exported)
+    : service(std::move(exported)) {}
+
+bool ListenerDelegate::shouldAcceptNewConnection(xpc::Connection& newConnection) {
+  newConnection.setExportedInterface(xpc::Interface{fanControlOperations});
+  newConnection.setExportedObject(service);
+  newConnection.setCodeSigningRequirement(FanControlConstants::appCodeRequirement());
+  newConnection.resume();
+  return true;
+}
+
+}  // namespace quorvane

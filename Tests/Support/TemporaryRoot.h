@@ -1,0 +1,46 @@
+// A system root of a test's own below the temporary folder, removed with its contents at the end. To be made before
+// the first systemPath() of the process, which reads the root once.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace quorvane {
+
+class TemporaryRoot {
+ public:
+  TemporaryRoot() {
+    std::string pattern = std::filesystem::temp_directory_path() / "quorvane.XXXXXX";
+    folder = mkdtemp(pattern.data());
+    setenv("QUORVANE_ROOT", folder.c_str(), 1);
+  }
+  ~TemporaryRoot() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+  }
+  TemporaryRoot(const TemporaryRoot&) = delete;
+  TemporaryRoot& operator=(const TemporaryRoot&) = delete;
+
+  /// Where a platform path such as "/run/quorvane" lies in this root.
+  [[nodiscard]] std::string path(const std::string& platformPath) const {
+    return folder + platformPath;
+  }
+  /// Makes the file and its folders.
+  void write(const std::string& platformPath, const std::string& contents) const {
+    std::filesystem::create_directories(std::filesystem::path(path(platformPath)).parent_path());
+    std::ofstream(path(platformPath), std::ios::binary) << contents;
+  }
+  /// The empty string when there is no such file.
+  [[nodiscard]] std::string read(const std::string& platformPath) const {
+    std::ifstream file(path(platformPath), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+ private:
+  std::string folder;
+};
+
+}  // namespace quorvane
