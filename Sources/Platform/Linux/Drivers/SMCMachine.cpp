@@ -1,0 +1,189 @@
+#include "Platform/Linux/Drivers/SMCMachine.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "Platform/Linux/Drivers/LittleEndian.h"
+
+namespace quorvane::simulation {
+namespace {
+
+using std::chrono::nanoseconds;
+
+/// The key of the same fan with another suffix: the upper half of the code names the fan.
+FourCharCode sibling(FourCharCode fanKey, std::string_view suffix) {
+  return (fanKey & 0xFFFF0000U) | fourCharCode(suffix);
+}
+
+bool hasSpeedType(const Key& key) {
+  return (key.type == typeFlt && key.size == 4) || (key.type == typeFpe2 && key.size == 2);
+}
+
+bool isActualSpeed(const Key& key) {
+  return key.code == sibling(key.code, "Ac") && hasSpeedType(key);
+}
+
+/// REQUIRES: the key has a speed type.
+std::optional<double> decodeSpeed(const Key& key, const Data& data) {
+  if (key.type == typeFpe2) return (data[0] * 256 + data[1]) / 4.0;
+  const auto value = std::bit_cast<float>(loadLittleEndian<std::uint32_t>(data.data()));
+  return std::isfinite(value) ? std::optional<double>(value) : std::nullopt;
+}
+
+/// REQUIRES: the key has a speed type, and the speed is within the range of a float.
+Data encodeSpeed(const Key& key, double speed) {
+  Data data{};
+  if (key.type == typeFlt) {
+    storeLittleEndian(data.data(), std::bit_cast<std::uint32_t>(static_cast<float>(speed)));
+    return data;
+  }
+  const auto quarters =
+      static_cast<std::uint16_t>(std::lround(std::clamp(speed * 4, 0.0, 65535.0)));
+  data[0] = static_cast<std::uint8_t>(quarters >> 8);
+  data[1] = static_cast<std::uint8_t>(quarters & 0xFF);
+  return data;
+}
+
+double loadActual(const Data& data) {
+  const auto speed = std::bit_cast<double>(loadLittleEndian<std::uint64_t>(data.data()));
+  // The bytes come from a file, in which anything may stand. NaN fails the comparison, too.
+  return std::abs(speed) <= std::numeric_limits<float>::max() ? speed : 0;
+}
+
+Data storeActual(double speed) {
+  Data data{};
+  storeLittleEndian(data.data(), std::bit_cast<std::uint64_t>(speed));
+  return data;
+}
+
+}  // namespace
+
+std::string printable(FourCharCode code) {
+  std::string text;
+  for (const int shift : {24, 16, 8, 0}) {
+    const auto byte = static_cast<std::uint8_t>(code >> shift);
+    if (byte > ' ' && byte < 0x7F) {
+      text += static_cast<char>(byte);
+    } else {
+      text += "\\x";
+      text += hex(&byte, 1);
+    }
+  }
+  return text;
+}
+
+std::string hex(const std::uint8_t* bytes, std::size_t count) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  std::string text;
+  for (std::size_t i = 0; i < count; ++i) {
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 0xF];
+  }
+  return text;
+}
+
+FourCharCode fanKey(unsigned index, std::string_view suffix) {
+  std::string name("F");
+  name.append(std::to_string(index)).append(suffix);
+  return fourCharCode(name);
+}
+
+nanoseconds bootTime() {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);  // Cannot fail for a clock that every kernel in use has.
+  return std::chrono::seconds(now.tv_sec) + nanoseconds(now.tv_nsec);
+}
+
+SMCMachine SMCMachine::fresh(unsigned fanCount, FourCharCode speedType) {
+  constexpr std::uint8_t readOnly = attributeReadable;
+  constexpr std::uint8_t readWrite = attributeReadable | attributeWritable;
+  SMCMachine machine;
+  auto slot = machine.slots.begin();
+  const auto addByte = [&slot](FourCharCode code, std::uint8_t attributes, std::uint8_t value) {
+    *slot = {.code = code, .size = 1, .type = typeUi8, .attributes = attributes};
+    slot->data[0] = value;
+    ++slot;
+  };
+  const auto addSpeed = [&](FourCharCode code, std::uint8_t attributes, double speed) {
+    const std::uint32_t size = speedType == typeFlt ? 4 : 2;
+    *slot = {.code = code, .size = size, .type = speedType, .attributes = attributes};
+    slot->data = isActualSpeed(*slot) ? storeActual(speed) : encodeSpeed(*slot, speed);
+    ++slot;
+  };
+  addByte(fourCharCode("FNum"), readOnly, static_cast<std::uint8_t>(fanCount));
+  for (unsigned fan = 0; fan < fanCount; ++fan) {
+    // No two fans are alike, so that a mix-up of fans shows.
+    const double low = 1350 + 50.0 * fan;
+    addSpeed(fanKey(fan, "Ac"), readOnly, low);
+    addSpeed(fanKey(fan, "Tg"), readWrite, low);
+    addSpeed(fanKey(fan, "Mn"), readOnly, low);
+    addSpeed(fanKey(fan, "Mx"), readOnly, 5900 + 100.0 * fan);
+    addByte(fanKey(fan, "Md"), readWrite, 0);
+  }
+  return machine;
+}
+
+const Key* SMCMachine::find(FourCharCode code) const {
+  const auto found =
+      std::find_if(slots.begin(), slots.end(), [code](const Key& key) { return key.code == code; });
+  return code != 0 && found != slots.end() ? &*found : nullptr;
+}
+
+Key* SMCMachine::find(FourCharCode code) {
+  return const_cast<Key*>(std::as_const(*this).find(code));
+}
+
+Data SMCMachine::value(const Key& key, nanoseconds now) const {
+  return isActualSpeed(key) ? encodeSpeed(key, actual(key, now)) : key.data;
+}
+
+void SMCMachine::setValue(Key& key, const Data& value, nanoseconds now) {
+  settle(now);
+  key.data = isActualSpeed(key) ? storeActual(decodeSpeed(key, value).value_or(0)) : value;
+}
+
+void SMCMachine::remove(Key& key, nanoseconds now) {
+  settle(now);
+  key = {};
+}
+
+std::optional<double> SMCMachine::speed(FourCharCode code, nanoseconds now) const {
+  const Key* key = find(code);
+  if (key == nullptr || !hasSpeedType(*key)) return std::nullopt;
+  return decodeSpeed(*key, value(*key, now));
+}
+
+double SMCMachine::goal(FourCharCode fanKey) const {
+  const auto limit = [&](std::string_view suffix) {
+    return speed(sibling(fanKey, suffix), changedAt);
+  };
+  const double low = limit("Mn").value_or(0);
+  const Key* mode = find(sibling(fanKey, "Md"));
+  if (mode == nullptr || mode->data[0] != 1) return low;
+  const double target = std::max(limit("Tg").value_or(low), low);
+  return std::min(target, limit("Mx").value_or(target));
+}
+
+double SMCMachine::actual(const Key& key, nanoseconds now) const {
+  const double from = loadActual(key.data);
+  const double to = goal(key.code);
+  // Time that went back means another boot since: the fan arrived long ago.
+  if (now < changedAt) return to;
+  const double reach = slope * std::chrono::duration<double>(now - changedAt).count();
+  return from + std::clamp(to - from, -reach, reach);
+}
+
+/// Puts the present speeds into the fans' keys. Must come before whatever changes a goal.
+void SMCMachine::settle(nanoseconds now) {
+  for (Key& key : slots) {
+    if (isActualSpeed(key)) key.data = storeActual(actual(key, now));
+  }
+  changedAt = now;
+}
+
+}  // namespace quorvane::simulation

@@ -1,0 +1,106 @@
+// A simulated machine as its SMC sees it: keys with their values, and fans that need time to follow
+// what is asked of them. A plain value, the same for the driver and for smcsim; it has no clock, no
+// thread and no file, and is told the time with each call.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quorvane::simulation {
+
+/// A key or type name as a number, its first character in the most significant byte. Of a longer
+/// name the last four count: the keys of fan 10 ("F10Ac") are those of the name "10Ac".
+using FourCharCode = std::uint32_t;
+
+constexpr FourCharCode fourCharCode(std::string_view name) {
+  FourCharCode code = 0;
+  for (const char c : name) code = (code << 8) | static_cast<std::uint8_t>(c);
+  return code;
+}
+
+/// The four characters; one that shows nothing on paper, blanks included, as `\xNN`.
+std::string printable(FourCharCode code);
+
+/// Two lower-case digits a byte.
+std::string hex(const std::uint8_t* bytes, std::size_t count);
+
+inline constexpr FourCharCode typeFlt = fourCharCode("flt ");   // IEEE single, little-endian
+inline constexpr FourCharCode typeFpe2 = fourCharCode("fpe2");  // quarters, 16 bits, big-endian
+inline constexpr FourCharCode typeUi8 = fourCharCode("ui8 ");
+
+/// The attribute bits that the simulation looks at, by our choice; a key with both has 192.
+inline constexpr std::uint8_t attributeReadable = 0x80;
+inline constexpr std::uint8_t attributeWritable = 0x40;
+
+/// As many as a record of the driver carries; no key here has more.
+inline constexpr std::size_t dataSizeMax = 32;
+using Data = std::array<std::uint8_t, dataSizeMax>;
+
+/// What reads and writes of a key answer instead of being done.
+enum class Failure : std::uint8_t { none, result, call };
+
+struct Key {
+  FourCharCode code = 0;   // 0: there is no key here
+  std::uint32_t size = 0;  // at most dataSizeMax
+  FourCharCode type = 0;
+  std::uint8_t attributes = 0;
+  Failure failure = Failure::none;
+  std::int32_t failureValue = 0;  // an SMC result byte, or a kernel return code
+  /// Of an actual-speed key: the speed at `changedAt`, an IEEE double in little-endian bytes, so
+  /// that many small steps of time lose nothing to the key's own format.
+  Data data{};
+};
+
+class SMCMachine {
+ public:
+  /// Far more than a Mac has, and few enough that the four characters of their keys all differ.
+  static constexpr unsigned fanCountMax = 16;
+  /// Five keys a fan, and "FNum".
+  static constexpr std::size_t slotCount = 1 + 5 * fanCountMax;
+  /// How fast a fan gains or loses speed, in rpm a second.
+  static constexpr double slope = 250;
+
+  /// Fans 0 to `fanCount` - 1, at rest in automatic mode, and "FNum". `speedType` is typeFlt or
+  /// typeFpe2. REQUIRES: fanCount <= fanCountMax.
+  static SMCMachine fresh(unsigned fanCount, FourCharCode speedType);
+
+  /// Null when there is no such key.
+  const Key* find(FourCharCode code) const;
+  Key* find(FourCharCode code);
+
+  /// The value of a key of this machine at a time, zeros behind its size. Times are since boot.
+  Data value(const Key& key, std::chrono::nanoseconds now) const;
+  void setValue(Key& key, const Data& value, std::chrono::nanoseconds now);
+  void remove(Key& key, std::chrono::nanoseconds now);
+
+  /// The key's value as a number of rpm; nothing when it is missing, not of a speed type or not
+  /// finite.
+  std::optional<double> speed(FourCharCode code, std::chrono::nanoseconds now) const;
+
+  /// The speed that a fan heads for; any key of the fan names it. In mode 1 it is the target, no
+  /// lower than the minimum and no higher than the maximum; in every other mode it is what the
+  /// firmware wants, which for this cool machine is the minimum. A target written in another mode
+  /// is kept, reads back as written, and counts from the moment that the mode is 1.
+  double goal(FourCharCode fanKey) const;
+
+  std::array<Key, slotCount> slots{};
+  /// The time since boot at which the fans had the speeds that their keys hold. Not negative.
+  std::chrono::nanoseconds changedAt{};
+
+ private:
+  double actual(const Key& key, std::chrono::nanoseconds now) const;
+  void settle(std::chrono::nanoseconds now);
+};
+
+/// "F", the index and the suffix ("Ac", "Tg", "Mn", "Mx", "Md").
+FourCharCode fanKey(unsigned index, std::string_view suffix);
+
+/// Time since boot, suspend included, which is the clock that a machine is told.
+std::chrono::nanoseconds bootTime();
+
+}  // namespace quorvane::simulation
