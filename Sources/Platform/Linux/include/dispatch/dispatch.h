@@ -5,11 +5,12 @@
 
 #include <stdint.h>
 
-/// The base of everything that dispatch counts references to.
+/// The base of everything that dispatch counts references to. Polymorphic, so that the calls that
+/// take any object can tell a queue from a source.
 struct dispatch_object_s {
  protected:
   dispatch_object_s() = default;
-  ~dispatch_object_s() = default;
+  virtual ~dispatch_object_s() = default;
 };
 typedef dispatch_object_s* dispatch_object_t;
 
@@ -48,7 +49,8 @@ dispatch_queue_main_t dispatch_get_main_queue(void);
 /// A source starts suspended. `handle` is the signal number of a signal source, 0 of a timer.
 dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t handle,
                                          uintptr_t mask, dispatch_queue_t queue);
-/// An `interval` of DISPATCH_TIME_FOREVER makes the timer fire once.
+/// Before the source is resumed, and with an `interval` of DISPATCH_TIME_FOREVER: the timer fires
+/// once.
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, uint64_t interval,
                                uint64_t leeway);
 void dispatch_source_set_event_handler_f(dispatch_source_t source, dispatch_function_t handler);

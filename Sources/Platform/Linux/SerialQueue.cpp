@@ -1,0 +1,109 @@
+#include "Platform/Linux/SerialQueue.h"
+
+#include <sys/prctl.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Platform/Linux/DetachedThread.h"
+
+namespace quorvane::dispatch {
+namespace {
+
+/// The queue that the calling thread drains.
+thread_local const SerialQueue* drainedHere = nullptr;
+
+/// A block that another thread waits for. It lives in that thread's frame, which goes as soon as
+/// the mutex is free and `hasRun` true: nothing of it may be touched later.
+struct SyncCall {
+  Block block;
+  std::mutex mutex{};
+  std::condition_variable done{};
+  bool hasRun = false;
+
+  static void run(void* context) {
+    auto& call = *static_cast<SyncCall*>(context);
+    call.block.work(call.block.context);
+    const std::scoped_lock lock(call.mutex);
+    call.hasRun = true;
+    call.done.notify_one();
+  }
+};
+
+}  // namespace
+
+void fatal(const char* what, int error) {
+  std::fprintf(stderr, "dispatch: %s: %s\n", what, std::strerror(error));
+  std::abort();
+}
+
+SerialQueue* SerialQueue::createWithThread(const char* name) {
+  auto* queue = new SerialQueue(name);
+  const int error = startDetachedThread(
+      [](void* argument) -> void* {
+        auto* own = static_cast<SerialQueue*>(argument);
+        prctl(PR_SET_NAME, own->label.c_str());
+        own->drain();
+        delete own;
+        return nullptr;
+      },
+      queue);
+  if (error != 0) fatal("no thread for a queue", error);
+  return queue;
+}
+
+void SerialQueue::async(Block block) {
+  const std::scoped_lock lock(mutex);
+  blocks.push_back(block);
+  changed.notify_one();
+}
+
+void SerialQueue::sync(Block block) {
+  if (drainedHere == this) fatal("dispatch_sync onto the queue that it is called on", EDEADLK);
+  SyncCall call{block};
+  async({SyncCall::run, &call});
+  std::unique_lock lock(call.mutex);
+  call.done.wait(lock, [&call] { return call.hasRun; });
+}
+
+void SerialQueue::suspend() {
+  const std::scoped_lock lock(mutex);
+  ++suspensions;
+}
+
+void SerialQueue::resume() {
+  const std::scoped_lock lock(mutex);
+  if (suspensions == 0) fatal("dispatch_resume of a queue that is not suspended", EINVAL);
+  --suspensions;
+  changed.notify_one();
+}
+
+void SerialQueue::retain() {
+  const std::scoped_lock lock(mutex);
+  ++references;
+}
+
+void SerialQueue::release() {
+  // Told under the lock: without it the queue's thread could free the condition that is notified.
+  const std::scoped_lock lock(mutex);
+  --references;
+  changed.notify_one();
+}
+
+void SerialQueue::drain() {
+  drainedHere = this;
+  while (const std::optional<Block> block = nextBlock()) block->work(block->context);
+}
+
+std::optional<Block> SerialQueue::nextBlock() {
+  std::unique_lock lock(mutex);
+  changed.wait(lock, [this] { return blocks.empty() ? references == 0 : suspensions == 0; });
+  if (blocks.empty()) return std::nullopt;
+  const Block block = blocks.front();
+  blocks.pop_front();
+  return block;
+}
+
+}  // namespace quorvane::dispatch
