@@ -1,5 +1,5 @@
-// Stands in for the unified log and for sysctl: records what is logged, and answers for "hw.model" what a test says.
-// Single-threaded.
+// Stands in for the unified log and for sysctl: records what is logged, and answers for "hw.model"
+// what a test says. Single-threaded.
 #pragma once
 
 #include <optional>
@@ -17,7 +17,8 @@ struct FakeSystem {
   };
 
   std::vector<Message> log;
-  /// The bytes of "hw.model", with the NUL that the kernel puts there; nothing where there is no such value.
+  /// The bytes of "hw.model", with the NUL that the kernel puts there; nothing where there is no
+  /// such value.
   std::optional<std::string> model = std::string("Mac14,2\0", 8);
   int modelReads = 0;
 };

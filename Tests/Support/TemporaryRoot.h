@@ -1,5 +1,5 @@
-// A system root of a test's own below the temporary folder, removed with its contents at the end. To be made before
-// the first systemPath() of the process, which reads the root once.
+// A system root of a test's own below the temporary folder, removed with its contents at the end.
+// To be made before the first systemPath() of the process, which reads the root once.
 #pragma once
 
 #include <cstdlib>
