@@ -2,6 +2,7 @@
 // four operations. One call at a time; used from one thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -18,12 +19,16 @@ class FanControlClient {
     std::optional<std::string> message;
   };
 
+  /// The helper answers in milliseconds unless it is in trouble.
+  static constexpr std::chrono::seconds replyTimeout{10};
+
   FanControlClient();
   ~FanControlClient();
   FanControlClient(const FanControlClient&) = delete;
   FanControlClient& operator=(const FanControlClient&) = delete;
 
-  /// Connects and is admitted, within `replyTimeout`. False leaves the reason in error().
+  /// Connects, is admitted and has a ping answered, within `replyTimeout`. False leaves the reason
+  /// in error().
   [[nodiscard]] bool connect();
 
   /// Nothing when the helper could not be asked or did not answer within `replyTimeout`: error()
@@ -36,6 +41,10 @@ class FanControlClient {
 
   /// One line for a person, of the last failure.
   [[nodiscard]] const std::string& error() const;
+
+ private:
+  class Implementation;
+  std::unique_ptr<Implementation> implementation;
 };
 
 }  // namespace quorvane

@@ -1,0 +1,238 @@
+#include "Platform/Linux/XPC/Connection.h"
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstddef>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Linux/DetachedThread.h"
+#include "Platform/Linux/XPC/Exporter.h"
+#include "Platform/Linux/XPC/PeerIdentity.h"
+#include "Platform/Linux/XPC/Wire.h"
+
+namespace quorvane::xpc {
+namespace {
+
+void closePassedDescriptors(cmsghdr& control) {
+  if (control.cmsg_level != SOL_SOCKET || control.cmsg_type != SCM_RIGHTS) return;
+  for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= control.cmsg_len; at += sizeof(int)) {
+    int passed = -1;
+    std::memcpy(&passed, CMSG_DATA(&control) + at, sizeof passed);
+    close(passed);
+  }
+}
+
+/// Who sent a message, in the kernel's words (unix(7), SCM_CREDENTIALS); nothing when anything else
+/// came with it. The credentials fill the control buffer, so the kernel has no room to hand over
+/// descriptors and drops them; should it ever, they are closed here.
+std::optional<pid_t> soleSender(msghdr& message) {
+  std::optional<pid_t> sender;
+  bool foreign = (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0;
+  for (cmsghdr* each = CMSG_FIRSTHDR(&message); each != nullptr;
+       each = CMSG_NXTHDR(&message, each)) {
+    if (each->cmsg_level == SOL_SOCKET && each->cmsg_type == SCM_CREDENTIALS && !sender) {
+      ucred credentials{};
+      std::memcpy(&credentials, CMSG_DATA(each), sizeof credentials);
+      sender = credentials.pid;
+    } else {
+      closePassedDescriptors(*each);
+      foreign = true;
+    }
+  }
+  return foreign ? std::nullopt : sender;
+}
+
+/// The socket of one connection and the account of its replies. Owned jointly by the connection's
+/// thread and the replies still to come, so that a late reply never goes to another client on a
+/// reused descriptor. Callable from any thread, but for what only the connection's thread does.
+class Link {
+ public:
+  Link(Descriptor connected, Place inAdmission)
+      : place(std::move(inAdmission)), socket(std::move(connected)) {}
+
+  /// Never blocks. A peer that does not take what it is sent is cut off.
+  void send(std::string_view message) {
+    const bool isSent =
+        message.size() <= maxReplySize &&
+        ::send(socket.get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+    if (!isSent) cutOff();
+  }
+
+  /// What the peer queued before this is not read any more.
+  void cutOff() {
+    shutdown(socket.get(), SHUT_RDWR);
+    const std::lock_guard lock(mutex);
+    isOver = true;
+    changed.notify_one();
+  }
+
+  void beginReply() {
+    const std::lock_guard lock(mutex);
+    ++outstandingReplies;
+  }
+
+  void endReply() {
+    const std::lock_guard lock(mutex);
+    --outstandingReplies;
+    changed.notify_one();
+  }
+
+  /// Connection's thread only. Waits until one more reply may be owed; false once cut off.
+  [[nodiscard]] bool waitForRoom() {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [this] { return isOver || outstandingReplies < maxOutstandingReplies; });
+    return !isOver;
+  }
+
+  /// Connection's thread only. The next message, when it is one from this process; nothing when the
+  /// connection must end.
+  [[nodiscard]] std::optional<std::string_view> receive(pid_t peer, std::span<char> buffer) {
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
+    iovec data{buffer.data(), buffer.size()};
+    msghdr message{};
+    ssize_t size = -1;
+    do {
+      message.msg_iov = &data;
+      message.msg_iovlen = 1;
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+      size = recvmsg(socket.get(), &message, MSG_CMSG_CLOEXEC);
+    } while (size < 0 && errno == EINTR);
+    if (size < 0 || soleSender(message) != peer) return std::nullopt;
+    return std::string_view(buffer.data(), static_cast<std::size_t>(size));
+  }
+
+  /// Connection's thread only. Exchanges the place in admission for one among the admitted.
+  [[nodiscard]] bool moveTo(Places& admitted) {
+    Place next = admitted.take();
+    if (!next) return false;
+    place = std::move(next);
+    return true;
+  }
+
+  [[nodiscard]] int descriptor() const { return socket.get(); }
+
+ private:
+  // In this order: the place is free again only when the descriptor is closed.
+  Place place;
+  Descriptor socket;
+  std::mutex mutex;
+  std::condition_variable changed;
+  int outstandingReplies = 0;
+  bool isOver = false;
+};
+
+/// One reply that is owed: given by the first answer, given up when nobody is left to answer.
+class OwedReply {
+ public:
+  explicit OwedReply(std::shared_ptr<Link> peer) : link(std::move(peer)) { link->beginReply(); }
+  ~OwedReply() {
+    if (!isAnswered) link->endReply();
+  }
+  OwedReply(const OwedReply&) = delete;
+  OwedReply& operator=(const OwedReply&) = delete;
+
+  void answer(std::string_view reply) {
+    if (isAnswered.exchange(true)) return;
+    link->send(reply);
+    link->endReply();
+  }
+
+ private:
+  std::shared_ptr<Link> link;
+  std::atomic<bool> isAnswered = false;
+};
+
+/// The process that connected, or 0 when the kernel cannot name it here (another pid namespace).
+pid_t peerOf(const Link& link) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(link.descriptor(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return 0;
+  return credentials.pid;
+}
+
+bool isRequirementMet(pid_t peer, const std::optional<std::string>& requirement) {
+  if (!requirement) return false;
+  const std::string path = "/proc/" + std::to_string(peer) + "/exe";
+  const Descriptor executable(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return executable && satisfiesRequirement(executable.get(), *requirement);
+}
+
+/// A signed executable is not yet a signed sender: its messages may have been queued before it was
+/// executed, or come from somebody who was handed its socket. Only who reads the connection now,
+/// and is this process, can echo the nonce.
+bool echoesChallenge(Link& link, pid_t peer, std::span<char> buffer, Deadline deadline) {
+  Nonce nonce{};
+  if (getrandom(nonce.data(), nonce.size(), 0) != static_cast<ssize_t>(nonce.size())) return false;
+  link.send(encodeNonce(MessageKind::challenge, nonce));
+  if (!limitBlocking(link.descriptor(), SO_RCVTIMEO, deadline)) return false;
+  const auto response = link.receive(peer, buffer);
+  return response && decodeNonce(MessageKind::challengeResponse, *response) == nonce &&
+         limitBlocking(link.descriptor(), SO_RCVTIMEO, std::nullopt);
+}
+
+struct Service {
+  std::shared_ptr<Link> link;
+  std::shared_ptr<Places> admitted;
+  ConnectionSettings settings;
+};
+
+void serve(const Service& service) {
+  const ConnectionSettings& settings = service.settings;
+  const Deadline deadline = std::chrono::steady_clock::now() + settings.timeToAdmit;
+  Link& link = *service.link;
+  std::vector<char> buffer(maxRequestSize);
+  const pid_t peer = peerOf(link);
+  const bool isAdmitted =
+      settings.object && peer > 0 && isRequirementMet(peer, settings.requirement) &&
+      echoesChallenge(link, peer, buffer, deadline) && link.moveTo(*service.admitted);
+  if (!isAdmitted) return;
+
+  while (link.waitForRoom()) {
+    const auto request = link.receive(peer, buffer);
+    if (!request) return;
+    const auto owed = std::make_shared<OwedReply>(service.link);
+    const bool isDelivered = deliver(*request, settings.interface, *settings.object,
+                                     [owed](std::string_view reply) { owed->answer(reply); });
+    if (!isDelivered) return;
+  }
+}
+
+void* runService(void* argument) {
+  const std::unique_ptr<const Service> service(static_cast<const Service*>(argument));
+  try {
+    serve(*service);
+  } catch (const std::bad_alloc&) {
+    // Short of memory this connection is lost, but not the daemon that guards the fans.
+  }
+  // Replies that are still owed keep the descriptor open; the peer learns of the end at once.
+  service->link->cutOff();
+  return nullptr;
+}
+
+}  // namespace
+
+void startServing(Descriptor socket, Place inAdmission, std::shared_ptr<Places> admitted,
+                  ConnectionSettings settings) {
+  auto service = std::make_unique<Service>(
+      Service{std::make_shared<Link>(std::move(socket), std::move(inAdmission)),
+              std::move(admitted), std::move(settings)});
+  if (startDetachedThread(runService, service.get()) == 0) {
+    // The thread owns it now.
+    static_cast<void>(service.release());
+  }
+}
+
+}  // namespace quorvane::xpc

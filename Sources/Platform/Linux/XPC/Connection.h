@@ -1,0 +1,57 @@
+// The server's end of one connection: what the delegate settles about it on the listener's thread,
+// and the thread of its own that admits the peer and serves it until either side is done. The
+// connection ends in silence, whatever the reason; nobody else notices.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Platform/Linux/XPC/Places.h"
+#include "Platform/Linux/XPC/Socket.h"
+#include "Platform/XPC.h"
+
+namespace quorvane::xpc {
+
+/// A few companions, one for each logged-in user, with room to spare.
+inline constexpr int maxAdmittedConnections = 32;
+/// Peers that have proved nothing yet; each costs a thread and the check of a signature.
+inline constexpr int maxConnectionsInAdmission = 16;
+/// Requests of one connection that wait for a reply; at this number no more are read.
+inline constexpr int maxOutstandingReplies = 64;
+/// Within this time a peer must be through admission; only reading a large executable from a slow
+/// disk takes a noticeable part of it.
+inline constexpr std::chrono::seconds admissionTimeout{5};
+
+struct ConnectionSettings {
+  Interface interface;
+  std::shared_ptr<FanControlXPC> object;
+  std::optional<std::string> requirement;
+  std::chrono::milliseconds timeToAdmit = admissionTimeout;
+};
+
+/// What the delegate sees. It collects settings; serving begins once the delegate has accepted.
+class IncomingConnection final : public Connection {
+ public:
+  void setExportedInterface(Interface interface) override { settings.interface = interface; }
+  void setExportedObject(std::shared_ptr<FanControlXPC> object) override {
+    settings.object = std::move(object);
+  }
+  void setCodeSigningRequirement(std::string requirement) override {
+    settings.requirement = std::move(requirement);
+  }
+  void resume() override { resumed = true; }
+
+  ConnectionSettings settings;
+  bool resumed = false;
+};
+
+/// Serves the peer behind a socket that has SO_PASSCRED set. It holds the given place until it is
+/// admitted, then one of `admitted`, until the last reply that it owes is given. Without a thread
+/// to serve on, it is closed.
+void startServing(Descriptor socket, Place inAdmission, std::shared_ptr<Places> admitted,
+                  ConnectionSettings settings);
+
+}  // namespace quorvane::xpc

@@ -1,0 +1,44 @@
+#include "Platform/Linux/XPC/Exporter.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+
+#include "Platform/Linux/XPC/Wire.h"
+
+namespace quorvane::xpc {
+
+bool deliver(std::string_view request, const Interface& interface, FanControlXPC& object,
+             const Answer& answer) {
+  std::optional<Request> call = decodeRequest(request, interface.operations);
+  if (!call) return false;
+
+  const auto reply = [answer, number = call->callNumber](const auto&... values) {
+    answer(encodeReply(number, std::array{Value(values)...}));
+  };
+  const auto outcome = [reply](bool success, const std::optional<std::string>& message) {
+    reply(success, message ? Value(*message) : Value());
+  };
+
+  const auto& [writeFanKey, restoreAuto, status, ping] = fanControlOperations;
+  const std::string_view selector = call->operation->selector;
+  if (selector == writeFanKey.selector) {
+    auto& arguments = call->arguments;
+    object.writeFanKey(std::get<std::string>(std::move(arguments[0])),
+                       std::get<std::int64_t>(arguments[1]), std::get<bool>(arguments[2]), outcome);
+  } else if (selector == restoreAuto.selector) {
+    object.restoreAuto(outcome);
+  } else if (selector == status.selector) {
+    object.status(reply);
+  } else if (selector == ping.selector) {
+    object.ping(reply);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace quorvane::xpc

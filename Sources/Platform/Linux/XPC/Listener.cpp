@@ -1,0 +1,119 @@
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <new>
+#include <thread>
+#include <utility>
+
+#include "Platform/Linux/DetachedThread.h"
+#include "Platform/Linux/XPC/Connection.h"
+#include "Platform/Linux/XPC/Rendezvous.h"
+#include "Platform/XPC.h"
+
+namespace quorvane::xpc {
+namespace {
+
+/// How long the listener's thread rests when the kernel cannot give it a connection: long enough
+/// not to burn a processor, short enough for a client that tries again.
+constexpr std::chrono::seconds exhaustionPause{1};
+
+/// Takes what connects and hands it to the delegate, on the listener's thread.
+class Acceptor {
+ public:
+  Acceptor(Descriptor listeningSocket, std::shared_ptr<ListenerDelegate> listenerDelegate)
+      : listening(std::move(listeningSocket)), delegate(std::move(listenerDelegate)) {}
+
+  void acceptNext() {
+    Descriptor socket = accept();
+    if (socket) {
+      receive(std::move(socket));
+    } else if (errno == EMFILE || errno == ENFILE) {
+      acceptWithReserve();
+    } else if (errno != EINTR && errno != ECONNABORTED) {
+      std::this_thread::sleep_for(exhaustionPause);
+    }
+  }
+
+ private:
+  [[nodiscard]] Descriptor accept() const {
+    return Descriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  }
+
+  static Descriptor openReserve() { return Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+
+  /// accept(2) fails at once while there is no free descriptor, whether a client waits or not, and
+  /// would be called for ever. The reserve's room lets it wait for the next client, who is served
+  /// if there is room again by then and turned away if not. When somebody else was quicker to take
+  /// the reserve's room, there is nothing but to wait.
+  void acceptWithReserve() {
+    reserve = Descriptor();
+    Descriptor socket = accept();
+    if (!socket) std::this_thread::sleep_for(exhaustionPause);
+    reserve = openReserve();
+    if (socket && reserve) {
+      receive(std::move(socket));
+    } else {
+      socket = Descriptor();
+      reserve = openReserve();
+    }
+  }
+
+  void receive(Descriptor socket) {
+    Place place = inAdmission->take();
+    if (!place || !delegate) return;
+    IncomingConnection connection;
+    if (!delegate->shouldAcceptNewConnection(connection) || !connection.resumed) return;
+    startServing(std::move(socket), std::move(place), admitted, std::move(connection.settings));
+  }
+
+  Descriptor listening;
+  Descriptor reserve = openReserve();
+  std::shared_ptr<ListenerDelegate> delegate;
+  std::shared_ptr<Places> inAdmission = std::make_shared<Places>(maxConnectionsInAdmission);
+  std::shared_ptr<Places> admitted = std::make_shared<Places>(maxAdmittedConnections);
+};
+
+void* runAcceptor(void* argument) {
+  auto& acceptor = *static_cast<Acceptor*>(argument);
+  for (;;) {
+    try {
+      acceptor.acceptNext();
+    } catch (const std::bad_alloc&) {
+      // Short of memory this client is lost, but not the daemon that guards the fans.
+    }
+  }
+}
+
+}  // namespace
+
+class Listener::Implementation {
+ public:
+  std::string machServiceName;
+  std::shared_ptr<ListenerDelegate> delegate;
+};
+
+Listener::Listener(std::string machServiceName)
+    : implementation(new Implementation{std::move(machServiceName), nullptr}) {}
+
+Listener::~Listener() = default;
+
+void Listener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
+  implementation->delegate = std::move(delegate);
+}
+
+std::optional<std::string> Listener::resume() {
+  Descriptor listening;
+  if (auto reason = openRendezvous(implementation->machServiceName, listening)) return reason;
+  auto acceptor = std::make_unique<Acceptor>(std::move(listening), implementation->delegate);
+  if (const int error = startDetachedThread(runAcceptor, acceptor.get()); error != 0) {
+    return std::string("cannot start the listener's thread: ") + std::strerror(error);
+  }
+  // It serves until the process ends, and is not freed then: its thread runs on through exit().
+  static_cast<void>(acceptor.release());
+  return std::nullopt;
+}
+
+}  // namespace quorvane::xpc

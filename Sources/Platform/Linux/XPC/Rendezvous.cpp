@@ -1,0 +1,104 @@
+#include "Platform/Linux/XPC/Rendezvous.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <system_error>
+
+#include "Platform/XPC.h"
+
+namespace quorvane::xpc {
+namespace {
+
+/// Everybody may connect: admission alone decides who is served.
+constexpr mode_t socketMode = 0666;
+constexpr mode_t folderMode = 0755;
+/// Whoever can open the lock file, if only for reading, could hold the lock and so keep the daemon
+/// from starting.
+constexpr mode_t lockMode = 0600;
+/// Clients that connect while the listener's thread is busy wait here, and further ones in
+/// connect(2).
+constexpr int backlog = 16;
+
+/// Why the service cannot be had; `isServed` when that is because another process serves it.
+struct Obstacle {
+  std::string reason;
+  bool isServed = false;
+};
+
+Obstacle obstacle(const char* action, const std::string& object, int error = errno) {
+  return {std::string(action).append(object).append(": ").append(std::strerror(error))};
+}
+
+std::optional<Obstacle> makeFolder(const std::filesystem::path& folder) {
+  std::error_code error;
+  const bool isNew = std::filesystem::create_directories(folder, error);
+  if (error) return obstacle("cannot create ", folder, error.value());
+  // Against a tighter umask. A folder that was there is somebody's decision and stays as it is.
+  if (isNew && chmod(folder.c_str(), folderMode) != 0) {
+    return obstacle("cannot let clients into ", folder);
+  }
+  return std::nullopt;
+}
+
+/// Holds the lock of the name until the process ends; again does nothing.
+std::optional<Obstacle> holdLock(const std::string& name) {
+  // Never freed: there is no need to, and nothing then depends on the order of destruction.
+  static auto& held = *new std::set<std::string>;
+  if (held.contains(name)) return std::nullopt;
+
+  const std::string path = machServiceSocketPath(name) + ".lock";
+  if (auto failure = makeFolder(std::filesystem::path(path).parent_path())) return failure;
+  const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, lockMode);
+  if (lock < 0) return obstacle("cannot open ", path);
+  if (flock(lock, LOCK_EX | LOCK_NB) == 0) {
+    // The descriptor stays open, and with it the lock, which the kernel takes back at the end.
+    held.insert(name);
+    return std::nullopt;
+  }
+  const int error = errno;
+  close(lock);
+  if (error == EWOULDBLOCK) return Obstacle{"another process serves " + name, /*isServed=*/true};
+  return obstacle("cannot lock ", path, error);
+}
+
+}  // namespace
+
+std::optional<std::string> claimMachService(const std::string& name) {
+  const std::optional<Obstacle> found = holdLock(name);
+  if (!found || !found->isServed) return std::nullopt;
+  return found->reason;
+}
+
+std::optional<std::string> openRendezvous(const std::string& name, Descriptor& socket) {
+  const std::string path = machServiceSocketPath(name);
+  const std::optional<sockaddr_un> address = socketAddress(path);
+  if (!address) return "the path is too long for a socket: " + path;
+  if (const auto found = holdLock(name)) return found->reason;
+
+  Descriptor listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  if (!listening) return obstacle("cannot make a socket for ", name).reason;
+  // Before anybody can connect: an accepted socket inherits it, so that no message comes without
+  // its sender's credentials.
+  const int on = 1;
+  if (setsockopt(listening.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) {
+    return obstacle("cannot learn who the clients are of ", name).reason;
+  }
+  // Who held the lock before is gone, and its socket with it, but for the name.
+  unlink(path.c_str());
+  if (bind(listening.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0 ||
+      chmod(path.c_str(), socketMode) != 0 || listen(listening.get(), backlog) != 0) {
+    return obstacle("cannot listen on ", path).reason;
+  }
+  socket = std::move(listening);
+  return std::nullopt;
+}
+
+}  // namespace quorvane::xpc
