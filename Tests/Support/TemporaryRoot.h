@@ -28,10 +28,13 @@ class TemporaryRoot {
   [[nodiscard]] std::string path(const std::string& platformPath) const {
     return folder + platformPath;
   }
-  /// Makes the file and its folders.
-  void write(const std::string& platformPath, const std::string& contents) const {
+  /// The same, with the folder it lies in made.
+  [[nodiscard]] std::string prepare(const std::string& platformPath) const {
     std::filesystem::create_directories(std::filesystem::path(path(platformPath)).parent_path());
-    std::ofstream(path(platformPath), std::ios::binary) << contents;
+    return path(platformPath);
+  }
+  void write(const std::string& platformPath, const std::string& contents) const {
+    std::ofstream(prepare(platformPath), std::ios::binary) << contents;
   }
   /// The empty string when there is no such file.
   [[nodiscard]] std::string read(const std::string& platformPath) const {

@@ -1,0 +1,181 @@
+// os_log over the journal's native socket, or standard error where there is no journal. Nothing
+// here waits for whoever reads the log: what holds up a thread could hold up a restore. Callable
+// from any thread.
+#include <fcntl.h>
+#include <os/log.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/SystemPath.h"
+#include "Platform/UTF8.h"
+
+struct os_log_s {
+  std::string subsystem;
+  std::string category;
+};
+
+namespace quorvane {
+namespace {
+
+/// Far above any message of ours; keeps a line within PIPE_BUF, below which a pipe takes all of a
+/// write or nothing.
+constexpr std::size_t maxMessageBytes = 1024;
+
+/// The rest of this file writes to descriptor 2. Were it closed, the next file that the process
+/// opens would get that number, and then log lines for content; 0 and 1 have such users too.
+void fillStandardDescriptors() {
+  int descriptor = -1;
+  do {
+    descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) close(descriptor);
+}
+
+/// "%{public}s" is "%s" to printf. "%%" ahead of a brace is a percent sign and no annotation.
+std::string withoutAnnotations(std::string_view format) {
+  std::string plain;
+  while (!format.empty()) {
+    if (format.starts_with("%{")) {
+      plain += '%';
+      format.remove_prefix(std::min(format.find('}'), format.size() - 1) + 1);
+      continue;
+    }
+    const std::size_t length = format.starts_with("%%") ? 2 : 1;
+    plain.append(format.substr(0, length));
+    format.remove_prefix(length);
+  }
+  return plain;
+}
+
+/// The message whole, or its beginning. A character that the bound cuts becomes U+FFFD.
+std::string formatMessage(const char* format, va_list arguments) {
+  std::array<char, maxMessageBytes + 1> buffer{};
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is the caller's, and initialised.
+  vsnprintf(buffer.data(), buffer.size(), withoutAnnotations(format).c_str(), arguments);
+  return replacingInvalidUTF8(buffer.data());
+}
+
+/// Serialises one field as systemd's "Native Journal Protocol" has it (JOURNAL_NATIVE_PROTOCOL):
+/// NAME=value, or for a value with a line feed the name on a line of its own, then the value's
+/// length, 64 bits little-endian, and the value.
+void appendField(std::string& datagram, std::string_view name, std::string_view value) {
+  datagram.append(name);
+  if (value.find('\n') == std::string_view::npos) {
+    datagram += '=';
+  } else {
+    datagram += '\n';
+    for (unsigned shift = 0; shift < 64; shift += 8) {
+      datagram += static_cast<char>((std::uint64_t{value.size()} >> shift) & 0xFF);
+    }
+  }
+  datagram.append(value) += '\n';
+}
+
+/// True when the journal has the datagram. The socket is made anew for each message, so that a
+/// journal that was restarted, or started late, is found.
+bool sendToJournal(const std::string& datagram) {
+  const std::string path = systemPath("/run/systemd/journal/socket");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return false;
+  std::memcpy(address.sun_path, path.data(), path.size());
+
+  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (descriptor < 0) return false;
+  const ssize_t sent =
+      sendto(descriptor, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+             reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  close(descriptor);
+  return sent >= 0;
+}
+
+/// write(2) to a pipe that has lost its reader, without the signal that would end the process.
+void writeWithoutSIGPIPE(int descriptor, std::string_view line) {
+  sigset_t brokenPipe;
+  sigset_t before;
+  sigemptyset(&brokenPipe);
+  sigaddset(&brokenPipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &brokenPipe, &before);
+  if (write(descriptor, line.data(), line.size()) < 0 && errno == EPIPE) {
+    constexpr timespec atOnce{};
+    sigtimedwait(&brokenPipe, nullptr, &atOnce);
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+/// The line, or nothing when it cannot be taken at once. poll(2) would not do: it calls a terminal
+/// writable that has room for one byte, and two writers can find the same room in a pipe. Nor may
+/// descriptor 2 itself be made non-blocking, for others share its open file. So a pipe or a
+/// terminal is opened once more, without blocking.
+void writeToStandardError(std::string_view line) {
+  struct stat status {};
+  if (fstat(STDERR_FILENO, &status) != 0) return;
+  if (S_ISSOCK(status.st_mode)) {
+    send(STDERR_FILENO, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return;
+  }
+  if (S_ISREG(status.st_mode)) {
+    // Through the shared file offset. No reader can hold up a file.
+    writeWithoutSIGPIPE(STDERR_FILENO, line);
+    return;
+  }
+  const int own = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (own < 0) return;
+  writeWithoutSIGPIPE(own, line);
+  close(own);
+}
+
+}  // namespace
+}  // namespace quorvane
+
+os_log_t os_log_create(const char* subsystem, const char* category) {
+  quorvane::fillStandardDescriptors();
+  // Never freed: a log lives until the process ends, and threads may use it until then.
+  static std::mutex& mutex = *new std::mutex;
+  static auto& logs = *new std::vector<std::unique_ptr<os_log_s>>;
+  const std::lock_guard lock(mutex);
+  return logs.emplace_back(new os_log_s{subsystem, category}).get();
+}
+
+void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...) {
+  using namespace quorvane;
+  const int errnoOfCaller = errno;
+  va_list arguments;
+  va_start(arguments, format);
+  std::string message = formatMessage(format, arguments);
+  va_end(arguments);
+
+  // Priorities of syslog(3): an error, and for the default type a notice, which is kept.
+  constexpr std::string_view errorPriority = "3";
+  constexpr std::string_view noticePriority = "5";
+  std::string datagram;
+  appendField(datagram, "MESSAGE", message);
+  appendField(datagram, "PRIORITY", type == OS_LOG_TYPE_ERROR ? errorPriority : noticePriority);
+  appendField(datagram, "SYSLOG_IDENTIFIER", program_invocation_short_name);
+  appendField(datagram, "SUBSYSTEM", log->subsystem);
+  appendField(datagram, "CATEGORY", log->category);
+  if (!sendToJournal(datagram)) {
+    std::replace(message.begin(), message.end(), '\n', ' ');
+    writeToStandardError(log->subsystem + " " + log->category + ": " + message + "\n");
+  }
+  errno = errnoOfCaller;
+}

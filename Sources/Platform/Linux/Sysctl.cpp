@@ -1,0 +1,67 @@
+// "hw.model" out of what the firmware tells Linux: the DMI tables of a PC, the device tree of most
+// others.
+#include <fcntl.h>
+#include <sys/sysctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "Platform/SystemPath.h"
+
+namespace quorvane {
+namespace {
+
+/// A sysfs attribute is at most one page (Linux, Documentation/filesystems/sysfs.rst), and no
+/// device tree names its model at greater length.
+constexpr std::size_t maxModelBytes = 4096;
+
+/// The file's text without the line feed that sysfs adds and the NUL that the device tree adds;
+/// empty when there is none. One read(2) yields the whole of such a file.
+std::string readFirmwareText(std::string_view path) {
+  const int descriptor = open(systemPath(path).c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return {};
+  std::array<char, maxModelBytes> buffer{};
+  ssize_t count = 0;
+  do {
+    count = read(descriptor, buffer.data(), buffer.size());
+  } while (count < 0 && errno == EINTR);
+  close(descriptor);
+
+  std::string_view text(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+  constexpr std::string_view padding("\n\0", 2);
+  return std::string(text.substr(0, text.find_last_not_of(padding) + 1));
+}
+
+std::string machineModel() {
+  std::string model = readFirmwareText("/sys/class/dmi/id/product_name");
+  if (model.empty()) model = readFirmwareText("/proc/device-tree/model");
+  return model;
+}
+
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+}  // namespace
+}  // namespace quorvane
+
+int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void* newp, size_t newlen) {
+  using namespace quorvane;
+  if (std::string_view(name) != "hw.model") return fail(ENOENT);
+  if (newp != nullptr || newlen != 0) return fail(EPERM);
+  const std::string model = machineModel();
+  if (model.empty()) return fail(ENOENT);
+
+  const std::size_t size = model.size() + 1;
+  const std::size_t capacity = oldp != nullptr ? *oldlenp : size;
+  *oldlenp = std::min(size, capacity);
+  if (oldp != nullptr) std::memcpy(oldp, model.c_str(), *oldlenp);
+  return capacity < size ? fail(ENOMEM) : 0;
+}
