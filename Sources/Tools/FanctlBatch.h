@@ -1,0 +1,26 @@
+// fanctl batch: commands from a script, answers to a script, one line each, over one connection.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <iosfwd>
+
+#include "Tools/FanctlCommand.h"
+
+namespace quorvane::fanctl {
+
+/// The channel takes no request above this; a longer line could never be sent.
+inline constexpr std::size_t maxLineBytes = std::size_t{64} * 1024;
+/// Twice the longest manual period.
+inline constexpr std::chrono::hours maxSleep{1};
+
+/// Carries out the lines of `commands` until its end, until one is malformed (badUsage) or until
+/// the helper is gone (unreachable). Each answer is flushed before the next line is read.
+///
+/// A line is a command and its arguments, separated by tabs: ping, status, auto,
+/// write KEY VALUE [float], sleep SECONDS. The answers: the ping text; the status as key=value
+/// fields separated by tabs; for the others "true", or "false", a tab and the helper's message.
+/// A tab or line feed inside a text of the helper is shown as a blank; a key cannot hold one.
+ExitStatus runBatch(FanControlClient& client, std::istream& commands, std::ostream& answers);
+
+}  // namespace quorvane::fanctl
