@@ -166,7 +166,8 @@ pid_t peerOf(const Link& link) {
 bool isRequirementMet(pid_t peer, const std::optional<std::string>& requirement) {
   if (!requirement) return false;
   const std::string path = "/proc/" + std::to_string(peer) + "/exe";
-  const Descriptor executable(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // Not blocking, so that a lease on the file cannot hold up the connection.
+  const Descriptor executable(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   return executable && satisfiesRequirement(executable.get(), *requirement);
 }
 
