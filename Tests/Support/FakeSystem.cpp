@@ -6,12 +6,9 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
-#include <memory>
-#include <string_view>
 
 struct os_log_s {
-  std::string subsystem, category;
+  std::string category;
 };
 
 namespace quorvane {
@@ -25,9 +22,9 @@ FakeSystem& fakeSystem() {
 
 using quorvane::fakeSystem;
 
-os_log_t os_log_create(const char* subsystem, const char* category) {
-  static std::vector<std::unique_ptr<os_log_s>> logs;
-  return logs.emplace_back(new os_log_s{subsystem, category}).get();
+os_log_t os_log_create(const char* /*subsystem*/, const char* category) {
+  static auto& logs = *new std::vector<os_log_t>;
+  return logs.emplace_back(new os_log_s{category});
 }
 
 void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...) {
@@ -38,16 +35,13 @@ void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...) 
   va_start(arguments, format);
   std::vsnprintf(text, sizeof text, plain.c_str(), arguments);
   va_end(arguments);
-  fakeSystem().log.push_back({type == OS_LOG_TYPE_ERROR, log->category, text});
+  const std::string level = type == OS_LOG_TYPE_ERROR ? "error " : "";
+  fakeSystem().log.push_back(level + log->category + ": " + text);
 }
 
-int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void*, size_t) {
-  if (name != std::string_view("hw.model") || !fakeSystem().model) return -1;
-  const std::string& value = *fakeSystem().model;
-  if (oldp != nullptr) {
-    ++fakeSystem().modelReads;
-    std::memcpy(oldp, value.data(), std::min(*oldlenp, value.size()));
-  }
+int sysctlbyname(const char* /*name*/, void* oldp, size_t* oldlenp, void*, size_t) {
+  const std::string value = fakeSystem().model.value_or("");
+  if (oldp != nullptr) std::copy_n(value.begin(), *oldlenp, static_cast<char*>(oldp));
   *oldlenp = value.size();
-  return 0;
+  return value.empty() ? -1 : 0;
 }

@@ -9,18 +9,11 @@
 namespace quorvane {
 
 struct FakeSystem {
-  struct Message {
-    bool isError;
-    std::string category;
-    std::string text;
-    bool operator==(const Message&) const = default;
-  };
-
-  std::vector<Message> log;
+  /// Each message as "FanHelper: text", behind the word "error" where it is one.
+  std::vector<std::string> log;
   /// The bytes of "hw.model", with the NUL that the kernel puts there; nothing where there is no
   /// such value.
   std::optional<std::string> model = std::string("Mac14,2\0", 8);
-  int modelReads = 0;
 };
 
 FakeSystem& fakeSystem();

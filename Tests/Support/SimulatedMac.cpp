@@ -1,59 +1,73 @@
 #include "Support/SimulatedMac.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <sstream>
 #include <thread>
 
 namespace quorvane {
+namespace {
 
-// Where the build put the programs.
-constexpr char helperProgram[] = QUORVANE_HELPER;
-constexpr char fanctlProgram[] = QUORVANE_FANCTL;
-constexpr char smcsimProgram[] = QUORVANE_SMCSIM;
+int exitStatus(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
-SimulatedMac::SimulatedMac(int fanCount) : client(root.path("/bin/fanctl")) {
+}  // namespace
+
+Process::Process(const std::string& command) : child(fork()) {
+  if (child != 0) return;
+  execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+  _exit(127);
+}
+
+Process::~Process() {
+  if (child <= 0) return;
+  signal(SIGKILL);
+  wait();
+}
+
+void Process::signal(int number) const {
+  kill(child, number);
+}
+
+int Process::wait() {
+  int status = 0;
+  waitpid(child, &status, 0);
+  child = -1;
+  return exitStatus(status);
+}
+
+SimulatedMac::SimulatedMac() {
+  setenv("PATH", (root.path("/bin:") + PROGRAMS_FOLDER ":" + getenv("PATH")).c_str(), 1);
   root.write("/sys/class/dmi/id/product_name", "Macmini9,1\n");
-  run({smcsimProgram, "create", "--fans", std::to_string(fanCount)});
+  sh("smcsim create");
   root.write("/var/lib/quorvane/smc.trace", "");
   trusted.installAnchor(root.path(""));
-  std::filesystem::create_directory(root.path("/bin"));
-  std::filesystem::copy(fanctlProgram, client);
-  trusted.issue().signExecutable(client, "com.quorvane.app");
+  std::filesystem::copy(PROGRAMS_FOLDER "/fanctl", root.prepare("/bin/fanctl"));
+  trusted.issue().signExecutable(root.path("/bin/fanctl"), "com.quorvane.app");
 }
 
-void SimulatedMac::launch(const std::string& extraArgument) {
-  Command command{helperProgram};
-  if (!extraArgument.empty()) command.push_back(extraArgument);
-  daemon = std::make_unique<Process>(command);
-}
-
-void SimulatedMac::start() {
-  launch();
-  for (int attempt = 0; attempt < 1000; ++attempt) {
-    if (run(fanctl("ping")).status == 0) return;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-}
-
-int SimulatedMac::stop(int signal) {
-  daemon->signal(signal);
-  return daemon->wait();
-}
-
-Command SimulatedMac::fanctl(const std::string& arguments) const {
-  Command command{client};
-  std::istringstream words(arguments);
-  for (std::string word; words >> word;) command.push_back(word);
-  return command;
+std::string SimulatedMac::sh(const std::string& command) const {
+  std::FILE* pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
+  std::string output;
+  for (int c; (c = std::getc(pipe)) != EOF;) output += static_cast<char>(c);
+  return std::to_string(exitStatus(pclose(pipe))) + ":" + output;
 }
 
 std::string SimulatedMac::batch(const std::string& lines) const {
-  return run(fanctl("batch"), lines).output;
+  root.write("/batch", lines);
+  return sh("fanctl batch <$QUORVANE_ROOT/batch").substr(2);
 }
 
-std::string SimulatedMac::probe() const {
-  const std::string listing = run({helperProgram, "--probe"}).output;
-  return listing.substr(listing.find('\n') + 1);
+std::unique_ptr<Process> SimulatedMac::start(const std::string& command) const {
+  auto daemon = std::make_unique<Process>(command);
+  while (sh("fanctl ping").front() != '0')
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  return daemon;
 }
 
 std::string SimulatedMac::audited() const {
@@ -63,13 +77,12 @@ std::string SimulatedMac::audited() const {
   return messages;
 }
 
-std::vector<std::string> SimulatedMac::written() const {
+std::string SimulatedMac::written() const {
   std::istringstream trace(root.read("/var/lib/quorvane/smc.trace"));
-  std::vector<std::string> writes;
-  std::string operation, key, size, type, attributes, data, rest;
+  std::string writes, operation, key, size, type, attributes, data, rest;
   while (trace >> operation >> key >> size >> type >> attributes >> data &&
          std::getline(trace, rest)) {
-    if (operation == "write") writes.push_back(key + "=" + data);
+    if (operation == "write") writes += key + "=" + data + " ";
   }
   return writes;
 }
