@@ -1,0 +1,231 @@
+// The XPC facade over Foundation, compiled with ARC. Foundation calls in on the listener's thread
+// and on each connection's; replies go out on whichever thread gives them.
+//
+// Whatever Foundation calls here, and every reply, is noexcept. An exception of either language
+// ends the process there, with its text in the crash report, and is neither swallowed nor thrown
+// into code that does not expect it. launchd starts the helper again, and that hands the fans back.
+#import <Foundation/Foundation.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "Platform/XPC.h"
+
+using OutcomeBlock = void (^)(BOOL success, NSString* _Nullable message);
+using StatusBlock = void (^)(NSDictionary<NSString*, NSString*>* _Nonnull status);
+using PingBlock = void (^)(NSString* _Nonnull answer);
+
+/// What fanControlOperations says, in the terms of the Objective-C runtime. Peers send what they
+/// like: any object may be absent, the reply block included.
+@protocol FanControlXPC
+- (void)writeFanKey:(nullable NSString*)key
+              value:(std::int64_t)value
+            isFloat:(BOOL)isFloat
+              reply:(nullable OutcomeBlock)reply;
+- (void)restoreAutoWithReply:(nullable OutcomeBlock)reply;
+- (void)statusWithReply:(nullable StatusBlock)reply;
+- (void)pingWithReply:(nullable PingBlock)reply;
+@end
+
+namespace quorvane::xpc {
+namespace {
+
+template <class Call>
+auto containingExceptions(const Call& call) noexcept {
+  return call();
+}
+
+NSString* _Nonnull toNSString(std::string_view text) {
+  return [[NSString alloc] initWithBytes:text.data()
+                                  length:text.size()
+                                encoding:NSUTF8StringEncoding];
+}
+
+/// Empty for an absent text, and for one with half a surrogate pair, which UTF-8 cannot express.
+/// Neither is the name of a key.
+std::string fromNSString(NSString* _Nullable text) {
+  NSData* const utf8 = [text dataUsingEncoding:NSUTF8StringEncoding];
+  if (utf8 == nil) return {};
+  return {static_cast<const char*>(utf8.bytes), utf8.length};
+}
+
+// The replies run on threads whose autorelease pools nobody empties, hence pools of their own.
+
+FanControlXPC::OutcomeReply outcomeReply(OutcomeBlock _Nullable reply) {
+  return [reply](bool success, const std::optional<std::string>& message) noexcept {
+    @autoreleasepool {
+      if (reply != nil) reply(success, message ? toNSString(*message) : nil);
+    }
+  };
+}
+
+FanControlXPC::StatusReply statusReply(StatusBlock _Nullable reply) {
+  return [reply](const StatusReport& status) noexcept {
+    @autoreleasepool {
+      NSMutableDictionary<NSString*, NSString*>* const dictionary =
+          [[NSMutableDictionary alloc] init];
+      for (const auto& [key, value] : status) dictionary[toNSString(key)] = toNSString(value);
+      if (reply != nil) reply(dictionary);
+    }
+  };
+}
+
+FanControlXPC::PingReply pingReply(PingBlock _Nullable reply) {
+  return [reply](const std::string& answer) noexcept {
+    @autoreleasepool {
+      if (reply != nil) reply(toNSString(answer));
+    }
+  };
+}
+
+}  // namespace
+}  // namespace quorvane::xpc
+
+/// What a connection exports: the C++ service in the shape that Foundation calls.
+@interface QRVExportedObject : NSObject <FanControlXPC>
+- (nonnull instancetype)initWithService:(std::shared_ptr<quorvane::FanControlXPC>)exported;
+@end
+
+@implementation QRVExportedObject {
+  std::shared_ptr<quorvane::FanControlXPC> service;
+}
+
+- (instancetype)initWithService:(std::shared_ptr<quorvane::FanControlXPC>)exported {
+  self = [super init];
+  if (self != nil) service = std::move(exported);
+  return self;
+}
+
+- (void)writeFanKey:(NSString*)key
+              value:(std::int64_t)value
+            isFloat:(BOOL)isFloat
+              reply:(OutcomeBlock)reply {
+  quorvane::xpc::containingExceptions([&] {
+    service->writeFanKey(quorvane::xpc::fromNSString(key), value, isFloat,
+                         quorvane::xpc::outcomeReply(reply));
+  });
+}
+
+- (void)restoreAutoWithReply:(OutcomeBlock)reply {
+  quorvane::xpc::containingExceptions(
+      [&] { service->restoreAuto(quorvane::xpc::outcomeReply(reply)); });
+}
+
+- (void)statusWithReply:(StatusBlock)reply {
+  quorvane::xpc::containingExceptions([&] { service->status(quorvane::xpc::statusReply(reply)); });
+}
+
+- (void)pingWithReply:(PingBlock)reply {
+  quorvane::xpc::containingExceptions([&] { service->ping(quorvane::xpc::pingReply(reply)); });
+}
+
+@end
+
+namespace quorvane::xpc {
+namespace {
+
+/// A connection as the delegate sees it, while the delegate decides.
+class IncomingConnection final : public Connection {
+ public:
+  explicit IncomingConnection(NSXPCConnection* _Nonnull incoming) : native(incoming) {}
+
+  /// There is one interface, and the protocol is its form here.
+  void setExportedInterface(Interface /*interface*/) override {
+    native.exportedInterface = [NSXPCInterface interfaceWithProtocol:@protocol(FanControlXPC)];
+  }
+
+  void setExportedObject(std::shared_ptr<FanControlXPC> object) override {
+    native.exportedObject = [[QRVExportedObject alloc] initWithService:std::move(object)];
+  }
+
+  /// Foundation raises an exception for a text that it cannot parse.
+  void setCodeSigningRequirement(std::string requirement) override {
+    [native setCodeSigningRequirement:toNSString(requirement)];
+    hasRequirement = true;
+  }
+
+  void resume() override {
+    if (hasRequirement) [native resume];
+  }
+
+  /// Foundation would admit anybody to a connection without a requirement.
+  [[nodiscard]] bool isGuarded() const { return hasRequirement; }
+
+ private:
+  NSXPCConnection* _Nonnull const native;
+  bool hasRequirement = false;
+};
+
+}  // namespace
+}  // namespace quorvane::xpc
+
+@interface QRVListenerDelegate : NSObject <NSXPCListenerDelegate>
+- (nonnull instancetype)initWithDelegate:
+    (std::shared_ptr<quorvane::xpc::ListenerDelegate>)listenerDelegate;
+@end
+
+@implementation QRVListenerDelegate {
+  std::shared_ptr<quorvane::xpc::ListenerDelegate> delegate;
+}
+
+- (instancetype)initWithDelegate:
+    (std::shared_ptr<quorvane::xpc::ListenerDelegate>)listenerDelegate {
+  self = [super init];
+  if (self != nil) delegate = std::move(listenerDelegate);
+  return self;
+}
+
+- (BOOL)listener:(NSXPCListener*)listener shouldAcceptNewConnection:(NSXPCConnection*)incoming {
+  return quorvane::xpc::containingExceptions([&] {
+    quorvane::xpc::IncomingConnection connection(incoming);
+    return delegate->shouldAcceptNewConnection(connection) && connection.isGuarded();
+  });
+}
+
+@end
+
+namespace quorvane::xpc {
+
+/// launchd hands a Mach service to one process only.
+std::optional<std::string> claimMachService(const std::string& /*name*/) {
+  return std::nullopt;
+}
+
+class Listener::Implementation {
+ public:
+  explicit Implementation(std::string_view machServiceName)
+      : listener([[NSXPCListener alloc] initWithMachServiceName:toNSString(machServiceName)]) {}
+
+  void setDelegate(std::shared_ptr<ListenerDelegate> listenerDelegate) {
+    delegate = [[QRVListenerDelegate alloc] initWithDelegate:std::move(listenerDelegate)];
+    listener.delegate = delegate;
+  }
+
+  void resume() const { [listener resume]; }
+
+ private:
+  NSXPCListener* _Nonnull const listener;
+  /// The listener does not keep its delegate alive.
+  QRVListenerDelegate* _Nullable delegate = nil;
+};
+
+Listener::Listener(std::string machServiceName)
+    : implementation(std::make_unique<Implementation>(machServiceName)) {}
+
+Listener::~Listener() = default;
+
+void Listener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
+  implementation->setDelegate(std::move(delegate));
+}
+
+/// Foundation reports no failure: a name that launchd does not know is a matter of installation.
+std::optional<std::string> Listener::resume() {
+  implementation->resume();
+  return std::nullopt;
+}
+
+}  // namespace quorvane::xpc
