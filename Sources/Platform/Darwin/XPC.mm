@@ -15,6 +15,10 @@
 
 #include "Platform/XPC.h"
 
+#if !__has_feature(objc_arc)
+#error "Without ARC reply blocks would outlive their stack frames."
+#endif
+
 using OutcomeBlock = void (^)(BOOL success, NSString* _Nullable message);
 using StatusBlock = void (^)(NSDictionary<NSString*, NSString*>* _Nonnull status);
 using PingBlock = void (^)(NSString* _Nonnull answer);
@@ -35,7 +39,7 @@ namespace quorvane::xpc {
 namespace {
 
 template <class Call>
-auto containingExceptions(const Call& call) noexcept {
+auto endingOnException(const Call& call) noexcept {
   return call();
 }
 
@@ -53,7 +57,7 @@ std::string fromNSString(NSString* _Nullable text) {
   return {static_cast<const char*>(utf8.bytes), utf8.length};
 }
 
-// The replies run on threads whose autorelease pools nobody empties, hence pools of their own.
+// Dispatch empties its threads' autorelease pools when it pleases, hence pools of our own.
 
 FanControlXPC::OutcomeReply outcomeReply(OutcomeBlock _Nullable reply) {
   return [reply](bool success, const std::optional<std::string>& message) noexcept {
@@ -104,23 +108,23 @@ FanControlXPC::PingReply pingReply(PingBlock _Nullable reply) {
               value:(std::int64_t)value
             isFloat:(BOOL)isFloat
               reply:(OutcomeBlock)reply {
-  quorvane::xpc::containingExceptions([&] {
+  quorvane::xpc::endingOnException([&] {
     service->writeFanKey(quorvane::xpc::fromNSString(key), value, isFloat,
                          quorvane::xpc::outcomeReply(reply));
   });
 }
 
 - (void)restoreAutoWithReply:(OutcomeBlock)reply {
-  quorvane::xpc::containingExceptions(
+  quorvane::xpc::endingOnException(
       [&] { service->restoreAuto(quorvane::xpc::outcomeReply(reply)); });
 }
 
 - (void)statusWithReply:(StatusBlock)reply {
-  quorvane::xpc::containingExceptions([&] { service->status(quorvane::xpc::statusReply(reply)); });
+  quorvane::xpc::endingOnException([&] { service->status(quorvane::xpc::statusReply(reply)); });
 }
 
 - (void)pingWithReply:(PingBlock)reply {
-  quorvane::xpc::containingExceptions([&] { service->ping(quorvane::xpc::pingReply(reply)); });
+  quorvane::xpc::endingOnException([&] { service->ping(quorvane::xpc::pingReply(reply)); });
 }
 
 @end
@@ -180,7 +184,7 @@ class IncomingConnection final : public Connection {
 }
 
 - (BOOL)listener:(NSXPCListener*)listener shouldAcceptNewConnection:(NSXPCConnection*)incoming {
-  return quorvane::xpc::containingExceptions([&] {
+  return quorvane::xpc::endingOnException([&] {
     quorvane::xpc::IncomingConnection connection(incoming);
     return delegate->shouldAcceptNewConnection(connection) && connection.isGuarded();
   });
