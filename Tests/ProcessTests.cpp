@@ -84,12 +84,15 @@ TEST_F(Processes, NothingIsWrittenAfterTheRestoreUnderAFloodAndABrokenStandardEr
   int broken[2];
   ASSERT_EQ(pipe(broken), 0);
   close(broken[0]);
-  const auto daemon = mac.start("QuorvaneFanHelper 2>&" + std::to_string(broken[1]));
-  const std::string flood = "yes 'write\tF0Tg\t3000' | fanctl batch >/dev/null 2>&1";
-  const Process first("sh -c \"" + flood + "\""), second("sh -c \"" + flood + "\"");
-  test::RawChannel silent;  // is being admitted all the while
+  const std::string intoBroken = "QuorvaneFanHelper 2>&" + std::to_string(broken[1]);
+  const auto daemon = mac.start(intoBroken);
+  std::filesystem::copy(PROGRAMS_FOLDER "/flood", mac.root.path("/bin/flood"));
+  mac.trusted.issue().signExecutable(mac.root.path("/bin/flood"), "com.quorvane.app");
+  const Process first("flood"), second("flood");
+  const test::RawChannel silent;  // is being admitted all the while
   ASSERT_TRUE(silent.connect());
   waitForWrites(100);
+  EXPECT_EQ(mac.sh(intoBroken), "1:") << "a second daemon";
   EXPECT_EQ(stop(*daemon, SIGTERM), 0);
   EXPECT_TRUE(mac.written().ends_with(" F0Md=00 "));
   EXPECT_TRUE(mac.audited().ends_with("restore → automatic (shutdown); fans=[0]\n"));
@@ -108,7 +111,6 @@ TEST_F(Processes, WithoutAnSMCItServesAndEndsAsUsual) {
   mac.sh("rm $QUORVANE_ROOT/var/lib/quorvane/smc");
   EXPECT_EQ(mac.sh("QuorvaneFanHelper --probe"), "1:SMC open failed: notOpen\n");
   const auto daemon = mac.start();
-  EXPECT_EQ(mac.batch("write\tFNum\t1\nauto\n"), "false\tSMC not open\ntrue\n");
   EXPECT_EQ(stop(*daemon, SIGTERM), 0);
   EXPECT_EQ(mac.audited(), "helper 1.0.0 started; model=Macmini9,1 fans=0\n");
 }
@@ -154,6 +156,7 @@ TEST_F(Processes, NobodyUnadmittedIsServed) {
       << "tampered";
   EXPECT_EQ(mac.sh("rm $QUORVANE_ROOT/bin/other.codesign; other write F0Md 1").front(), '3')
       << "unsigned";
+  EXPECT_NE(mac.sh("unshare -Ur fanctl write F0Md 1").front(), '0') << "another user namespace";
   EXPECT_EQ(mac.audited(), started + "write F0Md=1\nwrite F0Md=1\n");
 }
 

@@ -48,16 +48,13 @@ class Queue {
   dispatch_queue_t native;
 };
 
-/// The ownership that a timer and a signal source share: an event handler that is freed, on the
-/// source's queue, once the source is released and the handler no longer runs.
+/// What a timer and a signal source share: an event handler that is freed, on the source's queue,
+/// once the source is gone and the handler no longer runs. Destroying a source cancels it. On its
+/// queue that is final: the handler does not run afterwards, even when it was already due.
 class Source {
  public:
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
-
-  /// On the source's queue this is final: the handler does not run afterwards, even when it was
-  /// already due.
-  void cancel() { dispatch_source_cancel(native); }
 
  protected:
   using Handler = std::function<void()>;

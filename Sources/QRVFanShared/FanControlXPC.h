@@ -43,7 +43,8 @@ std::string appCodeRequirement();
 using StatusReport = std::vector<std::pair<std::string, std::string>>;
 
 /// The operations of the helper. Calls arrive on a connection's thread and return at once; each
-/// reply is called exactly once, from the connection's thread or from the service's queue.
+/// reply is called exactly once, from the connection's thread or from the service's queue, unless
+/// the process ends first.
 class FanControlXPC {
  public:
   /// Whether the operation did what was asked; if not, a text that says why.

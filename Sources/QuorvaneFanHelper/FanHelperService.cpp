@@ -51,11 +51,6 @@ const std::string& FanHelperService::model() {
   return text;
 }
 
-template <class Reply>
-std::shared_ptr<FanHelperService::UncheckedBox<Reply>> FanHelperService::box(Reply reply) {
-  return std::make_shared<UncheckedBox<Reply>>(UncheckedBox<Reply>{std::move(reply)});
-}
-
 void FanHelperService::startup() {
   queue.sync([this] {
     try {
@@ -106,10 +101,10 @@ std::optional<std::string> FanHelperService::valueRefusal(const FanKey& fanKey, 
 void FanHelperService::writeFanKey(std::string key, std::int64_t value, bool isFloat,
                                    OutcomeReply reply) {
   queue.async([self = shared_from_this(), key = std::move(key), value, isFloat,
-               reply = box(std::move(reply))] {
+               box = std::make_shared<UncheckedBox<OutcomeReply>>(std::move(reply))] {
     std::optional<std::string> refusal = self->performWriteLocked(key, value, isFloat);
     const bool success = !refusal;
-    reply->value(success, std::move(refusal));
+    box->value(success, std::move(refusal));
   });
 }
 
@@ -158,10 +153,9 @@ void FanHelperService::noteReleasedLocked(std::int64_t index) {
 }
 
 // A renewal replaces the lease and leaves the cap alone, so that no renewal outlasts the cap. The
-// fresh timer matters: a handler of the old one that is already waiting on the queue is discarded
-// with it.
+// fresh timer matters: the old one is cancelled as it goes, and with it a handler that is already
+// waiting on the queue.
 void FanHelperService::armWatchdogLocked() {
-  if (watchdog) watchdog->cancel();
   watchdog.emplace(queue, lease, [weakSelf = weak_from_this()] {
     if (const auto self = weakSelf.lock()) self->leaseExpiredLocked();
   });
@@ -172,10 +166,8 @@ void FanHelperService::armWatchdogLocked() {
 }
 
 void FanHelperService::cancelTimersLocked() {
-  for (auto* timer : {&watchdog, &hardCap}) {
-    if (*timer) (*timer)->cancel();
-    timer->reset();
-  }
+  watchdog.reset();
+  hardCap.reset();
 }
 
 void FanHelperService::leaseExpiredLocked() {
@@ -190,9 +182,10 @@ void FanHelperService::hardCapReachedLocked() {
 }
 
 void FanHelperService::restoreAuto(OutcomeReply reply) {
-  queue.async([self = shared_from_this(), reply = box(std::move(reply))] {
+  queue.async([self = shared_from_this(),
+               box = std::make_shared<UncheckedBox<OutcomeReply>>(std::move(reply))] {
     self->restoreAllLocked("app requested");
-    reply->value(true, std::nullopt);
+    box->value(true, std::nullopt);
   });
 }
 
@@ -228,8 +221,9 @@ unsigned FanHelperService::fanCountLocked() {
 }
 
 void FanHelperService::status(StatusReply reply) {
-  queue.async([self = shared_from_this(), reply = box(std::move(reply))] {
-    reply->value(self->statusReportLocked());
+  queue.async([self = shared_from_this(),
+               box = std::make_shared<UncheckedBox<StatusReply>>(std::move(reply))] {
+    box->value(self->statusReportLocked());
   });
 }
 

@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Platform/Dispatch.h"
 #include "QRVFanShared/FanControlXPC.h"
@@ -31,8 +32,9 @@ class FanHelperService final : public FanControlXPC,
   /// SMC that cannot be opened.
   void startup();
 
-  /// Waits for what is queued, puts the forced fans into automatic mode, and lets nothing run on
-  /// the queue afterwards. Called from the main queue, right before the process ends.
+  /// Waits for what is queued, puts the fans into automatic mode, and lets nothing run on the queue
+  /// afterwards; nor may the service be destroyed then. Called from the main queue, right before
+  /// the process ends.
   void shutdownReleasing();
 
   void writeFanKey(std::string key, std::int64_t value, bool isFloat, OutcomeReply reply) override;
@@ -55,10 +57,9 @@ class FanHelperService final : public FanControlXPC,
   /// Carries a reply from the connection's thread into a block on the queue.
   template <class Reply>
   struct UncheckedBox {
+    explicit UncheckedBox(Reply reply) : value(std::move(reply)) {}
     const Reply value;
   };
-  template <class Reply>
-  static std::shared_ptr<UncheckedBox<Reply>> box(Reply reply);
 
   static std::optional<FanKey> classify(std::string_view key);
   static std::optional<std::string> valueRefusal(const FanKey& fanKey, std::int64_t value,

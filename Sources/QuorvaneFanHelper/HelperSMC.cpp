@@ -103,14 +103,19 @@ void HelperSMC::store(Record& record, std::uint32_t value, std::size_t offset) {
   }
 }
 
+kern_return_t HelperSMC::submit(const Record& request, Record& reply,
+                                std::size_t& replySize) const {
+  reply = {};
+  replySize = reply.size();
+  return IOConnectCallStructMethod(connection, structMethod, request.data(), request.size(),
+                                   reply.data(), &replySize);
+}
+
 std::optional<HelperSMC::Record> HelperSMC::call(const Record& request) const {
   constexpr std::size_t smallestReply = dataOffset;
   Record reply{};
-  std::size_t replySize = reply.size();
-  if (IOConnectCallStructMethod(connection, structMethod, request.data(), request.size(),
-                                reply.data(), &replySize) != KERN_SUCCESS) {
-    return std::nullopt;
-  }
+  std::size_t replySize = 0;
+  if (submit(request, reply, replySize) != KERN_SUCCESS) return std::nullopt;
   if (replySize < smallestReply || reply[resultOffset] != 0) return std::nullopt;
   return reply;
 }
@@ -147,9 +152,8 @@ void HelperSMC::write(std::uint32_t code, const KeyInfo& info,
   const std::size_t count = std::min(payload.size(), dataCapacity);
   std::copy_n(payload.begin(), count, request.begin() + dataOffset);
   Record reply{};
-  std::size_t replySize = reply.size();
-  const kern_return_t result = IOConnectCallStructMethod(connection, structMethod, request.data(),
-                                                         request.size(), reply.data(), &replySize);
+  std::size_t replySize = 0;
+  const kern_return_t result = submit(request, reply, replySize);
   if (result != KERN_SUCCESS) throw SMCError::callFailed(result);
   if (reply[resultOffset] != 0) throw SMCError::resultError(reply[resultOffset]);
 }

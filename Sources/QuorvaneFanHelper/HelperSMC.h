@@ -93,6 +93,9 @@ class HelperSMC {
   static Record makeRecord(std::uint32_t code, const KeyInfo& info, std::uint8_t command);
   static void store(Record& record, std::uint32_t value, std::size_t offset);
 
+  /// Hands the request to the driver. Yields what the call returned, the reply, and the size that
+  /// is said to have.
+  kern_return_t submit(const Record& request, Record& reply, std::size_t& replySize) const;
   std::optional<Record> call(const Record& request) const;
   void write(std::uint32_t code, const KeyInfo& info, std::span<const std::uint8_t> payload) const;
 

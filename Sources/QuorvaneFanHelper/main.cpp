@@ -3,9 +3,10 @@
 // arrives.
 #include <dispatch/dispatch.h>
 #include <os/log.h>
+#include <signal.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -29,15 +30,32 @@ using FanControlConstants::helperMachService;
   std::exit(EXIT_FAILURE);
 }
 
-/// Everything made here lives until the process ends: exit() unwinds nothing.
+/// An ignored signal is lost until its source is there; one that is blocked as well waits for it.
+void holdSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+/// Everything made here lives until the process ends: neither exit() nor macOS's dispatch_main(),
+/// which ends the main thread, unwinds anything.
 [[noreturn]] void runDaemon(os_log_t log) {
+  // A line that nobody can read, or that the disk does not take, is an error to its writer and not
+  // the end of the fans' guard.
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
+  // As the service managers have it, for a start by hand: nobody else writes into our folders.
+  umask(022);
   if (const auto obstacle = xpc::claimMachService(helperMachService)) fail(*obstacle);
 
   const auto service = std::make_shared<FanHelperService>();
   service->startup();
 
-  std::signal(SIGTERM, SIG_IGN);
-  std::signal(SIGINT, SIG_IGN);
+  holdSignals();
+  signal(SIGTERM, SIG_IGN);
+  signal(SIGINT, SIG_IGN);
   const dispatch::SignalSource sigterm(SIGTERM, [log, service] {
     os_log(log, "SIGTERM — restoring automatic fans and exiting");
     service->shutdownReleasing();

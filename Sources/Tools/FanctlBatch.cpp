@@ -2,10 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <functional>
 #include <iostream>
-#include <string>
-#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -13,10 +10,8 @@
 namespace quorvane::fanctl {
 namespace {
 
+using Outcome = FanControlClient::Outcome;
 using Seconds = std::chrono::duration<double>;
-/// The line that answers a command, or nothing when the helper is gone.
-using Answer = std::optional<std::string>;
-using Command = std::function<Answer(FanControlClient&)>;
 
 std::vector<std::string_view> splitAtTabs(std::string_view line) {
   std::vector<std::string_view> fields;
@@ -39,82 +34,54 @@ std::optional<Seconds> parseSeconds(std::string_view text) {
   return Seconds(value);
 }
 
-std::string withoutSeparators(std::string text) {
+/// Empty for a malformed line.
+Call parseLine(std::string_view line) {
+  const std::vector<std::string_view> fields = splitAtTabs(line);
+  if (fields[0] != "sleep") return parseCall(fields);
+  if (fields.size() != 2) return {};
+  const std::optional<Seconds> duration = parseSeconds(fields[1]);
+  if (!duration) return {};
+  return [duration](FanControlClient&) {
+    std::this_thread::sleep_for(*duration);
+    return Outcome{true, std::nullopt};
+  };
+}
+
+std::string render(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](char c) { return c == '\t' || c == '\n'; }, ' ');
   return text;
 }
 
-Answer answerOutcome(const std::optional<FanControlClient::Outcome>& outcome) {
-  if (!outcome) return std::nullopt;
-  if (outcome->success) return "true";
-  return "false\t" + withoutSeparators(outcome->message.value_or(""));
+std::string render(const Outcome& outcome) {
+  return outcome.success ? "true" : "false\t" + render(outcome.message.value_or(""));
 }
 
-Answer answerStatus(FanControlClient& client) {
-  const std::optional<StatusReport> report = client.status();
-  if (!report) return std::nullopt;
+std::string render(const StatusReport& report) {
   std::string line;
-  for (const auto& [key, value] : *report) {
+  for (const auto& [key, value] : report) {
     if (!line.empty()) line += '\t';
-    line += withoutSeparators(key) + "=" + withoutSeparators(value);
+    line += render(key) + "=" + render(value);
   }
   return line;
-}
-
-Answer answerPing(FanControlClient& client) {
-  std::optional<std::string> text = client.ping();
-  if (!text) return std::nullopt;
-  return withoutSeparators(std::move(*text));
-}
-
-/// Empty for a line that makes no command.
-Command parse(std::string_view line) {
-  const std::vector<std::string_view> fields = splitAtTabs(line);
-  const std::span arguments = std::span(fields).subspan(1);
-  if (arguments.empty()) {
-    if (fields[0] == "ping") return answerPing;
-    if (fields[0] == "status") return answerStatus;
-    if (fields[0] == "auto") {
-      return [](FanControlClient& client) { return answerOutcome(client.restoreAuto()); };
-    }
-  }
-  if (fields[0] == "write") {
-    if (const std::optional<WriteRequest> request = parseWrite(arguments)) {
-      return [request](FanControlClient& client) {
-        return answerOutcome(client.writeFanKey(request->key, request->value, request->isFloat));
-      };
-    }
-  }
-  if (fields[0] == "sleep" && arguments.size() == 1) {
-    if (const std::optional<Seconds> duration = parseSeconds(arguments[0])) {
-      return [duration](FanControlClient&) {
-        std::this_thread::sleep_for(*duration);
-        return Answer("true");
-      };
-    }
-  }
-  return {};
 }
 
 }  // namespace
 
 ExitStatus runBatch(FanControlClient& client, std::istream& commands, std::ostream& answers) {
-  std::vector<char> buffer(maxLineBytes + 1);
-  std::size_t number = 1;
-  for (; commands.getline(buffer.data(), std::ssize(buffer)); ++number) {
-    // The count includes the line feed, which a last line may lack.
-    const std::streamsize length = commands.gcount() - (commands.eof() ? 0 : 1);
-    const Command command = parse({buffer.data(), static_cast<std::size_t>(length)});
-    if (!command) break;
-    const Answer answer = command(client);
+  std::size_t number = 0;
+  for (std::string line; std::getline(commands, line);) {
+    ++number;
+    const Call call = parseLine(line);
+    if (!call) {
+      std::cerr << "fanctl: line " << number << " of the batch is malformed\n";
+      return badUsage;
+    }
+    const Answer answer = call(client);
     if (!answer) return reportUnreachable(client);
-    answers << *answer << "\n" << std::flush;
+    answers << std::visit([](const auto& value) { return render(value); }, *answer) << std::endl;
   }
-  // Past the last line the stream is in eof; a line above the bound fails without it.
-  if (commands.fail() && commands.eof()) return done;
-  std::cerr << "fanctl: line " << number << " of the batch is malformed\n";
-  return badUsage;
+  return done;
 }
 
 }  // namespace quorvane::fanctl

@@ -2,15 +2,12 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <iosfwd>
 
 #include "Tools/FanctlCommand.h"
 
 namespace quorvane::fanctl {
 
-/// The channel takes no request above this; a longer line could never be sent.
-inline constexpr std::size_t maxLineBytes = std::size_t{64} * 1024;
 /// Twice the longest manual period.
 inline constexpr std::chrono::hours maxSleep{1};
 

@@ -7,6 +7,33 @@
 #include "Platform/UTF8.h"
 
 namespace quorvane::fanctl {
+namespace {
+
+Call parseWrite(Arguments arguments) {
+  if (arguments.size() != 2 && arguments.size() != 3) return {};
+  const std::string_view flag = arguments.size() == 3 ? arguments[2] : "";
+  if (!flag.empty() && flag != "float") return {};
+  // The channel carries no other text: such a key would cost us the connection.
+  if (!isValidUTF8(arguments[0])) return {};
+  const std::optional<std::int64_t> value = parseInteger(arguments[1]);
+  if (!value) return {};
+  const bool isFloat = !flag.empty();
+  return [key = std::string(arguments[0]), value, isFloat](FanControlClient& client) {
+    return client.writeFanKey(key, *value, isFloat);
+  };
+}
+
+}  // namespace
+
+Call parseCall(Arguments arguments) {
+  if (arguments.empty()) return {};
+  if (arguments[0] == "write") return parseWrite(arguments.subspan(1));
+  if (arguments.size() != 1) return {};
+  if (arguments[0] == "ping") return &FanControlClient::ping;
+  if (arguments[0] == "status") return &FanControlClient::status;
+  if (arguments[0] == "auto") return &FanControlClient::restoreAuto;
+  return {};
+}
 
 std::optional<std::int64_t> parseInteger(std::string_view text) {
   std::int64_t value = 0;
@@ -15,28 +42,15 @@ std::optional<std::int64_t> parseInteger(std::string_view text) {
   return value;
 }
 
-std::optional<WriteRequest> parseWrite(std::span<const std::string_view> arguments) {
-  if (arguments.size() != 2 && arguments.size() != 3) return std::nullopt;
-  const std::string_view flag = arguments.size() == 3 ? arguments[2] : "";
-  if (!flag.empty() && flag != "float") return std::nullopt;
-  // The channel carries no other text: such a key would cost us the connection.
-  if (!isValidUTF8(arguments[0])) return std::nullopt;
-  const std::optional<std::int64_t> value = parseInteger(arguments[1]);
-  if (!value) return std::nullopt;
-  return WriteRequest{std::string(arguments[0]), *value, flag == "float"};
+ExitStatus report(const FanControlClient::Outcome& outcome) {
+  if (outcome.success) return done;
+  std::cerr << "fanctl: " << outcome.message.value_or("refused without a reason") << "\n";
+  return refused;
 }
 
 ExitStatus reportUnreachable(const FanControlClient& client) {
   std::cerr << "fanctl: " << client.error() << "\n";
   return unreachable;
-}
-
-ExitStatus report(const FanControlClient& client,
-                  const std::optional<FanControlClient::Outcome>& outcome) {
-  if (!outcome) return reportUnreachable(client);
-  if (outcome->success) return done;
-  std::cerr << "fanctl: " << outcome->message.value_or("refused without a reason") << "\n";
-  return refused;
 }
 
 }  // namespace quorvane::fanctl

@@ -1,12 +1,14 @@
-// What the commands of fanctl share: exit statuses, the reading of arguments, and how a failed call
-// is told. Everything runs on the main thread.
+// What the commands of fanctl share: exit statuses, the calls to the helper as a user spells them,
+// and how a failed one is told. Everything runs on the main thread.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <variant>
 
 #include "FanControlClient/FanControlClient.h"
 
@@ -19,23 +21,22 @@ enum ExitStatus : int {
   unreachable = 3  ///< The helper cannot be reached, cut us off or did not answer.
 };
 
+using Arguments = std::span<const std::string_view>;
+/// In the type of the call, or nothing when the helper is gone.
+using Answer = std::optional<std::variant<std::string, FanControlClient::Outcome, StatusReport>>;
+using Call = std::function<Answer(FanControlClient&)>;
+
+/// ping, status, auto or write KEY VALUE [float]; empty for anything else. An empty last argument
+/// of write is an absent one.
+Call parseCall(Arguments arguments);
+
 /// A signed 64-bit decimal number and nothing else: no plus sign, no blanks.
 std::optional<std::int64_t> parseInteger(std::string_view text);
 
-struct WriteRequest {
-  std::string key;
-  std::int64_t value;
-  bool isFloat;
-};
+/// Says on standard error what the helper refused with, if it did.
+ExitStatus report(const FanControlClient::Outcome& outcome);
 
-/// What follows the word "write": KEY VALUE [float]. An empty third argument is an absent one.
-std::optional<WriteRequest> parseWrite(std::span<const std::string_view> arguments);
-
-/// Says on standard error why the last call came to nothing.
+/// Says on standard error why the last call got no answer.
 ExitStatus reportUnreachable(const FanControlClient& client);
-
-/// Says on standard error what the helper refused with, or why it gave no answer.
-ExitStatus report(const FanControlClient& client,
-                  const std::optional<FanControlClient::Outcome>& outcome);
 
 }  // namespace quorvane::fanctl

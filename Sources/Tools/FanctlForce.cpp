@@ -1,6 +1,7 @@
 #include "Tools/FanctlForce.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -43,8 +44,7 @@ struct ForceSession {
   FanControlClient& client;
   ForceClock& clock;
   const ForceRequest request;
-  std::ostream& output;
-  const bool isTerminal;
+  const bool isTerminal = isatty(STDOUT_FILENO) == 1;
 
   Duration end{};
   /// When the last acknowledged write was sent: the lease runs at least from then.
@@ -58,30 +58,22 @@ struct ForceSession {
     if (const ExitStatus status = writeMode(1); status != done) return status;
     if (const ExitStatus status = writeTarget(); status != done) return status;
     if (!isTerminal) {
-      output << "fan " << request.fan << " forced to " << request.rpm << " rpm" << std::endl;
+      std::cout << "fan " << request.fan << " forced to " << request.rpm << " rpm" << std::endl;
     }
     return hold(begin + renewalInterval);
   }
 
   ExitStatus hold(Duration nextRenewal) {
-    for (;;) {
+    while (clock.now() < end) {
       if (isTerminal) drawLine();
-      if (clock.stopRequestedBy(std::min({nextWakeUp(), nextRenewal, end}))) {
+      if (clock.stopRequestedBy(std::min({clock.now() + redrawInterval, nextRenewal, end}))) {
         return giveBack("as asked");
       }
-      const Duration now = clock.now();
-      if (now >= end) {
-        return giveBack("after the longest manual period, " + std::to_string(maxManual.count()) +
-                        " seconds");
-      }
-      if (now < nextRenewal) continue;
-      nextRenewal = now + renewalInterval;
+      if (clock.now() < nextRenewal) continue;
+      nextRenewal = clock.now() + renewalInterval;
       if (const ExitStatus status = renew(); status != done) return status;
     }
-  }
-
-  Duration nextWakeUp() const {
-    return clock.now() + (isTerminal ? redrawInterval : renewalInterval);
+    return giveBack("after the longest manual period");
   }
 
   /// A forcing write for a fan that the helper or another client has put into automatic mode would
@@ -131,8 +123,8 @@ struct ForceSession {
     const ExitStatus status = writeMode(0);
     endLine();
     if (status == done) {
-      output << "fan " << request.fan << " given back to automatic control " << occasion
-             << std::endl;
+      std::cout << "fan " << request.fan << " given back to automatic control " << occasion
+                << std::endl;
     }
     return status;
   }
@@ -140,24 +132,23 @@ struct ForceSession {
   ExitStatus tell(const std::optional<FanControlClient::Outcome>& outcome) {
     if (outcome && outcome->success) return done;
     endLine();
-    const ExitStatus status = report(client, outcome);
-    if (status == unreachable) {
-      std::cerr << "fanctl: if fan " << request.fan
-                << " is forced, the helper takes it back within " << lease.count() << " seconds\n";
-    }
-    return status;
+    if (outcome) return report(*outcome);
+    reportUnreachable(client);
+    std::cerr << "fanctl: if fan " << request.fan << " is forced, the helper takes it back within "
+              << lease.count() << " seconds\n";
+    return unreachable;
   }
 
   void drawLine() {
     const Duration left = std::max<Duration>(lastWrite + lease - clock.now(), 0s);
-    output << "\rfan " << request.fan << "  " << request.rpm << " rpm requested  lease "
-           << std::setw(2) << std::chrono::ceil<std::chrono::seconds>(left).count() << " s "
-           << std::flush;
+    std::cout << "\rfan " << request.fan << "  " << request.rpm << " rpm requested  lease "
+              << std::setw(2) << std::chrono::ceil<std::chrono::seconds>(left).count() << " s "
+              << std::flush;
     lineIsOpen = true;
   }
 
   void endLine() {
-    if (lineIsOpen) output << std::endl;
+    if (lineIsOpen) std::cout << std::endl;
     lineIsOpen = false;
   }
 
@@ -188,9 +179,8 @@ bool SignalClock::stopRequestedBy(Duration deadline) {
   return sigtimedwait(&signals, nullptr, &timeout) > 0;
 }
 
-ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequest& request,
-                    std::ostream& output, bool isTerminal) {
-  return ForceSession{client, clock, request, output, isTerminal}.run();
+ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequest& request) {
+  return ForceSession{client, clock, request}.run();
 }
 
 }  // namespace quorvane::fanctl

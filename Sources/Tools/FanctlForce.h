@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <iosfwd>
 
 #include "Tools/FanctlCommand.h"
 
@@ -37,9 +36,8 @@ struct ForceRequest {
 };
 
 /// Forces the fan until asked to stop, until maxManualSeconds have passed, until the helper refuses
-/// or is gone, or until someone else has put the fan into automatic mode. With `isTerminal` a line
-/// on `output` is redrawn every second; else there is one line at the beginning and one at the end.
-ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequest& request,
-                    std::ostream& output, bool isTerminal);
+/// or is gone, or until someone else has put the fan into automatic mode. On a terminal a line is
+/// redrawn every second; else there is one line at the beginning and one at the end.
+ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequest& request);
 
 }  // namespace quorvane::fanctl

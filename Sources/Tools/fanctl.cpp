@@ -1,12 +1,9 @@
 // The companion on the command line: one command to the helper, and an exit status that says what
 // came of it.
-#include <unistd.h>
-
 #include <algorithm>
 #include <functional>
 #include <iostream>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,7 +15,6 @@
 namespace quorvane::fanctl {
 namespace {
 
-using Arguments = std::span<const std::string_view>;
 using Command = std::function<ExitStatus(FanControlClient&)>;
 
 constexpr std::string_view usage =
@@ -32,79 +28,62 @@ constexpr std::string_view help = R"(
 ping     asks whether the helper is there and lets us in
 status   shows the helper's report, one "key: value" a line
 auto     puts every fan back under automatic control
-write    writes one key: F0Md to F9Md (0 automatic, 1 forced) or F0Tg to F9Tg (rpm).
-         VALUE is a decimal number, "float" says that it is meant as floating-point.
-         20 seconds after the last write that forces one, the helper takes all fans back.
-force    forces FAN (0 to 9) to RPM and renews every 5 seconds, until SIGINT (Ctrl-C) or
-         SIGTERM; then it puts this one fan, and no other, back under automatic control.
-         At the end of the longest manual period, 1800 seconds, it does so by itself. It ends
-         when someone else has put the fan under automatic control.
+write    writes F0Md to F9Md (0 automatic, 1 forced) or F0Tg to F9Tg (rpm); "float" says that
+         VALUE is meant as floating-point. 20 seconds after the last write that forces one,
+         the helper takes all fans back.
+force    forces FAN (0 to 9) to RPM and renews every 5 seconds, until SIGINT (Ctrl-C), SIGTERM
+         or the end of the longest manual period, 1800 seconds; then it puts this one fan, and
+         no other, back under automatic control. It ends when someone else has done so.
 batch    reads commands from standard input, one a line, fields separated by tabs: ping,
-         status, auto, write KEY VALUE [float] and sleep SECONDS (fractions allowed, at
-         most an hour). Each is answered with one line: the ping text, the status as
-         key=value fields, "true", or "false" and a message, separated by tabs. A tab or
-         line feed in the helper's own texts shows as a blank.
+         status, auto, write KEY VALUE [float] and sleep SECONDS (fractions allowed, at most
+         an hour). Each is answered with one line: the ping text, the status as key=value
+         fields, "true", or "false" and a message, separated by tabs.
 
 exit status: 0 the helper said true (batch: every line was answered), 1 the helper refused
 or a forced fan was taken back, 2 bad usage or a malformed line of a batch, 3 the helper
 cannot be reached or cut us off.
 )";
 
-ExitStatus ping(FanControlClient& client) {
-  const std::optional<std::string> answer = client.ping();
-  if (!answer) return reportUnreachable(client);
-  std::cout << *answer << "\n";
+ExitStatus show(const std::string& text) {
+  std::cout << text << "\n";
   return done;
 }
 
-ExitStatus status(FanControlClient& client) {
-  const std::optional<StatusReport> report = client.status();
-  if (!report) return reportUnreachable(client);
-  for (const auto& [key, value] : *report) std::cout << key << ": " << value << "\n";
+ExitStatus show(const FanControlClient::Outcome& outcome) {
+  return report(outcome);
+}
+
+ExitStatus show(const StatusReport& report) {
+  for (const auto& [key, value] : report) std::cout << key << ": " << value << "\n";
   return done;
-}
-
-ExitStatus restoreAuto(FanControlClient& client) {
-  return report(client, client.restoreAuto());
-}
-
-ExitStatus batch(FanControlClient& client) {
-  return runBatch(client, std::cin, std::cout);
-}
-
-Command parseWriteCommand(Arguments arguments) {
-  const std::optional<WriteRequest> request = parseWrite(arguments);
-  if (!request) return {};
-  return [request](FanControlClient& client) {
-    return report(client, client.writeFanKey(request->key, request->value, request->isFloat));
-  };
 }
 
 /// Which speeds a fan may be set to is for the helper to say.
-Command parseForceCommand(Arguments arguments) {
+Command parseForce(Arguments arguments) {
   if (arguments.size() != 2 || arguments[0].size() != 1) return {};
   const char fan = arguments[0].front();
   const std::optional<std::int64_t> rpm = parseInteger(arguments[1]);
   if (fan < '0' || fan > '9' || !rpm) return {};
   return [request = ForceRequest{fan, *rpm}](FanControlClient& client) {
     SignalClock clock;
-    return runForce(client, clock, request, std::cout, isatty(STDOUT_FILENO) == 1);
+    return runForce(client, clock, request);
   };
 }
 
 /// Empty for arguments that make no command.
 Command parseCommand(Arguments arguments) {
   if (arguments.empty()) return {};
-  const std::string_view name = arguments.front();
-  const Arguments rest = arguments.subspan(1);
-  if (name == "write") return parseWriteCommand(rest);
-  if (name == "force") return parseForceCommand(rest);
-  if (!rest.empty()) return {};
-  if (name == "ping") return ping;
-  if (name == "status") return status;
-  if (name == "auto") return restoreAuto;
-  if (name == "batch") return batch;
-  return {};
+  if (arguments[0] == "force") return parseForce(arguments.subspan(1));
+  if (arguments[0] == "batch" && arguments.size() == 1) {
+    return [](FanControlClient& client) { return runBatch(client, std::cin, std::cout); };
+  }
+  const Call call = parseCall(arguments);
+  if (!call) return {};
+  return [call](FanControlClient& client) {
+    const Answer answer = call(client);
+    if (!answer) return reportUnreachable(client);
+    return std::visit([](const auto& value) { return show(value); }, *answer);
+  };
 }
 
 ExitStatus reportBadUsage(Arguments arguments) {

@@ -81,7 +81,7 @@ std::optional<std::vector<std::uint8_t>> parseHex(std::string_view text) {
 
 /// Does `edit` to one key of the machine. Its answer, unless empty, says why it could not.
 int editKey(std::string_view name, const std::function<std::string(SMCMachine&, Key&)>& edit) {
-  if (name.size() < 4) return misused("a key has four characters");
+  if (name.size() != 4) return misused("a key has four characters");
   const std::string path = systemPath(smcPath);
   SMCFile file;
   if (const int error = file.open(path, SMCFile::Access::change); error != 0) {

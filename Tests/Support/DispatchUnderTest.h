@@ -1,19 +1,13 @@
-// What the conformance suite needs of an implementation beyond the dispatch calls: a way to wait,
-// and a signal. Implemented once for each, beside the tests that hold for that one only.
+// What the conformance suite needs of an implementation beyond the dispatch calls. Implemented once
+// for each, beside the tests that hold for that one only.
 #pragma once
 
-#include <condition_variable>
-#include <functional>
-#include <mutex>
+#include <chrono>
 
 namespace quorvane::dispatchtest {
 
-/// Lets blocks run and time pass until the predicate, which reads what the mutex guards, is true.
-/// False when it does not become true in any reasonable time. Also from a block.
-bool waitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& changed,
-               const std::function<bool()>& predicate);
-
-/// Sends the process a signal for which it has a source.
-void sendSignal(int signal);
+/// Lets that time pass, also within a block. On return every timer with an earlier deadline has put
+/// its handler onto its queue.
+void pass(std::chrono::milliseconds span);
 
 }  // namespace quorvane::dispatchtest

@@ -1,44 +1,36 @@
 // A client of the channel that may misbehave: it sends what it is told, as bytes, and reads what
-// comes. A wait of more than ten seconds fails the test. Used from one thread.
+// comes. A wait for what never comes is ended by the test's time limit. Used from one thread.
 #pragma once
+
+#include <sys/socket.h>
 
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "Platform/Linux/XPC/Socket.h"
 #include "Platform/Linux/XPC/Wire.h"
 
 namespace quorvane::test {
 
-class RawChannel {
- public:
-  /// Makes a socket that is not connected yet.
-  RawChannel();
-  /// Takes over a connected one.
-  explicit RawChannel(xpc::Descriptor connected);
-
+struct RawChannel {
   /// To the helper's rendezvous.
-  [[nodiscard]] bool connect();
+  [[nodiscard]] bool connect() const;
   /// Connects, echoes the challenge and is answered a ping.
-  [[nodiscard]] bool enter();
+  [[nodiscard]] bool enter() const { return connect() && send(responseToChallenge()) && ping(); }
 
-  /// False once cut off. A descriptor, when given, is passed along.
-  bool send(std::string_view message, int passedDescriptor = -1);
+  /// False once cut off.
+  bool send(std::string_view message) const;
   /// The next message; nothing once cut off.
-  std::optional<std::string> receive();
+  [[nodiscard]] std::optional<std::string> receive() const;
   /// Reads, and throws away, what comes before the end.
-  void waitForCutOff();
+  void waitForCutOff() const;
 
   /// The response that admits, once the challenge has come; empty when it does not.
-  std::string responseToChallenge();
-  /// The answer of a ping, when just that comes next.
-  std::optional<std::string> ping();
+  [[nodiscard]] std::string responseToChallenge() const;
+  /// Whether the answer of a ping, and just that, comes next.
+  [[nodiscard]] bool ping() const;
 
-  [[nodiscard]] int descriptor() const { return socket.get(); }
-
- private:
-  xpc::Descriptor socket;
+  xpc::Descriptor socket{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
 };
 
 }  // namespace quorvane::test

@@ -4,95 +4,82 @@
 
 #include <IOKit/IOKitLib.h>
 
+#include <algorithm>
 #include <array>
-#include <cstddef>
-#include <cstdint>
+#include <functional>
 #include <map>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace quorvane {
 
-class ScriptedSMC {
- public:
+struct ScriptedSMC {
   using Bytes = std::vector<std::uint8_t>;
   using Record = std::array<std::uint8_t, 80>;
   /// The command byte of a struct call.
   enum class Operation : std::uint8_t { read = 5, write = 6, info = 9 };
+  /// Which calls a failure is for: those of a key with an operation.
+  using Which = std::pair<std::string, Operation>;
 
   struct Call {
     Operation operation;
     std::string key;  // the four characters of the key code
     Record request;
   };
-
-  /// Which calls a failure is for: those of one key, or of every one; one operation, or every one.
-  struct Which {
-    std::optional<std::string> key;
-    std::optional<Operation> operation;
+  struct Failure {
+    kern_return_t status = KERN_SUCCESS;
+    std::uint8_t result = 0;
+    std::size_t replySize = 80;  // the bytes that the reply is said to have
   };
 
   /// No keys, no failures, no calls; the services of a real machine.
   void reset() { *this = {}; }
 
-  /// `bytes` are the start of a read's data area, zeros behind them; neither they nor the size need
-  /// be plausible. Takes the place of a key of that name. Of a longer name the last four
-  /// characters count, here and wherever a key is named.
-  void addKey(const std::string& name, std::string_view type, std::uint32_t size,
-              std::uint8_t attributes, Bytes bytes);
-  void removeKey(const std::string& name);
-  /// The five keys of a fan at rest: Ac, Tg, Mn, Mx and Md. `speedType` is "flt " or "fpe2".
-  void addFan(int index, std::string_view speedType);
+  /// Names and types have four characters. `bytes`, at most 32, are the start of a read's data
+  /// area, zeros behind them; the size, at most 255, need not fit them.
+  void addKey(const std::string& name, const std::string& type, std::uint32_t size,
+              std::uint8_t attributes, const Bytes& bytes = {}) {
+    Record& key = keys[name] = {};
+    key[28] = static_cast<std::uint8_t>(size);
+    std::copy(type.rbegin(), type.rend(), &key[32]);
+    key[36] = attributes;
+    std::copy(bytes.begin(), bytes.end(), &key[48]);
+  }
+  void removeKey(const std::string& name) { keys.erase(name); }
+  /// The keys with which a fan is forced: Tg, of type "flt " or "fpe2", and Md.
+  void addFan(int index, const std::string& speedType) {
+    const std::string fan = "F" + std::to_string(index);
+    addKey(fan + "Tg", speedType, speedType == "flt " ? 4 : 2, 0xC0);
+    addKey(fan + "Md", "ui8 ", 1, 0xC0);
+  }
   void setFanCount(std::uint8_t count) { addKey("FNum", "ui8 ", 1, 0x80, {count}); }
-  /// What the key holds: as added, or the quoted size of the last write (at most 32 bytes). Empty
-  /// when it is not there.
-  Bytes value(const std::string& name) const;
+  /// As many bytes as the key's size says, which is at most 32.
+  Bytes value(const std::string& name) {
+    const Record& key = keys.at(name);
+    return {&key[48], &key[48] + key[28]};
+  }
 
   /// The call itself fails with a kernel return code.
-  void failCalls(const Which& which, kern_return_t status) { fail({which, status, 0, 80}); }
-  /// The SMC answers with a result byte, all else in the reply being as usual. Nothing is written.
-  void failResults(const Which& which, std::uint8_t result) { fail({which, 0, result, 80}); }
-  /// All is done, and the reply is said to be that many bytes.
-  void setReplySize(const Which& which, std::size_t size) { fail({which, 0, 0, size}); }
-  /// Of several failures for a call the latest counts, until this ends them all.
+  void failCalls(const Which& which, kern_return_t code) { failures[which] = {code, 0, 80}; }
+  /// The SMC answers with a result byte. Nothing is written.
+  void failResults(const Which& which, std::uint8_t code) { failures[which] = {0, code, 80}; }
   void heal() { failures.clear(); }
 
   /// Struct calls since they were last taken, failed ones included.
-  std::vector<Call> takeCalls();
+  std::vector<Call> takeCalls() { return std::exchange(calls, {}); }
 
-  /// The AppleSMC services, in order; nothing for one whose name cannot be read.
-  std::vector<std::optional<std::string>> serviceNames = {"AppleSMCSensorEndpoint",
-                                                          "AppleSMCKeysEndpoint"};
-  /// What IOServiceOpen answers.
+  /// The AppleSMC services, in order. Only one that is named like the second can be opened, and
+  /// answers so.
+  std::vector<std::string> serviceNames = {"AppleSMCSensorEndpoint", "AppleSMCKeysEndpoint"};
   kern_return_t openStatus = KERN_SUCCESS;
-  /// The names of the services that were opened, and how many of their connections are open.
-  std::vector<std::string> openedServices;
-  int openConnections = 0;
 
-  kern_return_t structMethod(const Record& request, Record& reply, std::size_t& replySize);
+  /// Called ahead of each write, where there is somebody to call.
+  std::function<void()> beforeWrite;
 
- private:
-  struct Key {
-    std::uint32_t size;
-    std::uint32_t type;
-    std::uint8_t attributes;
-    Bytes bytes;
-  };
-  struct Failure {
-    Which which;
-    kern_return_t status;
-    std::uint8_t result;
-    std::size_t replySize;
-  };
-
-  void fail(Failure failure) { failures.insert(failures.begin(), std::move(failure)); }
-  Failure failureFor(const Call& call) const;
-
-  std::map<std::uint32_t, Key> keys;  // by key code
-  std::vector<Failure> failures;
+  /// What a good reply looks like, by key name.
+  std::map<std::string, Record> keys;
+  std::map<Which, Failure> failures;
   std::vector<Call> calls;
 };
 

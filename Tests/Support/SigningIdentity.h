@@ -1,71 +1,48 @@
-// Makes certificates and code signatures inside the process: good ones, and ones with a chosen
-// fault. Nothing is kept on disk but what is asked for.
+// Certificates and code signatures by the openssl command: good ones, and ones with a chosen fault.
+// Their files lie in the TemporaryRoot of the moment and go with it.
 #pragma once
 
-#include <openssl/evp.h>
-#include <openssl/x509.h>
-
-#include <chrono>
-#include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace quorvane::test {
 
-using Bytes = std::vector<std::uint8_t>;
-
-/// What a certificate is made with; as they stand, a leaf that the helper admits. Extensions are
-/// given as in openssl's configuration, null for none.
+/// What a certificate is made with; as it stands, a leaf that the helper admits.
 struct CertificateOptions {
   std::vector<std::string> organizationalUnits{"X4TQ8RW2ZN"};
-  std::chrono::seconds validFrom = -std::chrono::hours(1);  // counted from now
-  std::chrono::seconds validUntil = std::chrono::hours(1);
-  const char* basicConstraints = "critical,CA:FALSE";
-  const char* keyUsage = "critical,digitalSignature";
-  const char* extendedKeyUsage = "codeSigning";
-  unsigned rsaBits = 0;  // 0: ECDSA on P-256
+  std::string extensions = "keyUsage=digitalSignature\nextendedKeyUsage=codeSigning";
+  std::string key = "ec -pkeyopt ec_paramgen_curve:P-256";
+  int days = 1;
 };
 
-class SigningIdentity;
+inline const CertificateOptions authority{
+    .extensions = "basicConstraints=critical,CA:TRUE\nkeyUsage=keyCertSign"};
 
-/// How a content is signed; flags are those of CMS_sign.
-struct SigningOptions {
-  const char* digest = "SHA256";
-  unsigned flags = 0;
-  const SigningIdentity* secondSigner = nullptr;
-};
-
-/// A certificate with its key, and the intermediates up to the root. Every root and every leaf has
-/// the same name, so that only keys and signatures tell them apart.
 class SigningIdentity {
  public:
-  static SigningIdentity makeRoot();
-  SigningIdentity issue(const CertificateOptions& options = {}) const;
+  static SigningIdentity makeRoot() { return {authority, nullptr}; }
+  SigningIdentity issue(const CertificateOptions& options = {}) const { return {options, this}; }
 
-  /// Makes this root an anchor of the system root given, beside those already there.
+  /// Makes this root an anchor, beside those already there.
   void installAnchor(const std::filesystem::path& systemRoot) const;
-
-  /// A CMS SignedData over the content.
-  Bytes sign(std::string_view content, const SigningOptions& options = {}) const;
+  /// A CMS SignedData over the content; the arguments are those of `openssl cms -sign`.
+  std::string sign(const std::string& content, const std::string& arguments = "-nodetach") const;
   /// Writes `<executable>.codesign`.
-  void signExecutable(const std::filesystem::path& executable, std::string_view identifier) const;
+  void signExecutable(const std::string& executable, const std::string& identifier) const;
+  /// The arguments that make openssl sign with this identity.
+  std::string signer() const;
 
  private:
   SigningIdentity(const CertificateOptions& options, const SigningIdentity* issuer);
 
-  std::shared_ptr<EVP_PKEY> key;
-  std::shared_ptr<X509> certificate;
-  std::vector<std::shared_ptr<X509>> intermediates;
-  bool isRoot;
+  std::string folder;
 };
 
 /// The three lines that a signature of the executable signs.
-std::string signatureContent(const std::filesystem::path& executable, std::string_view identifier);
+std::string signatureContent(const std::string& executable, const std::string& identifier);
 
-Bytes readFile(const std::filesystem::path& path);
-void writeFile(const std::filesystem::path& path, const Bytes& bytes);
+/// The standard output of a command that must succeed.
+std::string shell(const std::string& command);
 
 }  // namespace quorvane::test

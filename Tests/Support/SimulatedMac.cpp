@@ -65,8 +65,9 @@ std::string SimulatedMac::batch(const std::string& lines) const {
 
 std::unique_ptr<Process> SimulatedMac::start(const std::string& command) const {
   auto daemon = std::make_unique<Process>(command);
-  while (sh("fanctl ping").front() != '0')
+  for (int i = 0; sh("fanctl ping").front() != '0' && i < 500; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
   return daemon;
 }
 

@@ -4,7 +4,6 @@
 #include <signal.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "Platform/Linux/DispatchTime.h"
 #include "Platform/Linux/EventLoop.h"
@@ -19,10 +18,6 @@ SerialQueue& queueOf(dispatch_object_t object) {
 }
 EventSource& sourceOf(dispatch_object_t object) {
   return dynamic_cast<EventSource&>(*object);
-}
-
-bool isQueue(dispatch_object_t object) {
-  return dynamic_cast<SerialQueue*>(object) != nullptr;
 }
 
 /// A blocked signal waits for the event loop even while its disposition is to be ignored, which
@@ -74,11 +69,8 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t 
 
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, uint64_t interval,
                                uint64_t /*leeway: none is taken*/) {
-  EventSource& timer = sourceOf(source);
-  if (timer.resumed || interval != DISPATCH_TIME_FOREVER) {
-    fatal("a timer is set once and fires once", EINVAL);
-  }
-  timer.deadline = start;
+  if (interval != DISPATCH_TIME_FOREVER) fatal("a timer fires once", EINVAL);
+  sourceOf(source).deadline = start;
 }
 
 void dispatch_source_set_event_handler_f(dispatch_source_t source, dispatch_function_t handler) {
@@ -102,18 +94,12 @@ void dispatch_suspend(dispatch_object_t object) {
 }
 
 void dispatch_resume(dispatch_object_t object) {
-  if (isQueue(object)) {
-    queueOf(object).resume();
-    return;
-  }
-  EventSource& source = sourceOf(object);
-  if (std::exchange(source.resumed, true)) fatal("a source is resumed once", EINVAL);
-  EventLoop::shared().add(source);
+  EventLoop::shared().add(sourceOf(object));
 }
 
 void dispatch_release(dispatch_object_t object) {
-  if (isQueue(object)) {
-    queueOf(object).release();
+  if (auto* queue = dynamic_cast<SerialQueue*>(object)) {
+    queue->release();
     return;
   }
   // There is no call to retain a source: this was its creator's reference, so nothing more fires.

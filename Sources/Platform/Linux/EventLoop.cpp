@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <tuple>
 
 #include "Platform/Linux/DetachedThread.h"
 
@@ -20,13 +19,6 @@ namespace {
 int required(int result, const char* otherwise) {
   if (result < 0) fatal(otherwise, errno);
   return result;
-}
-
-int signalDescriptor(int signal) {
-  sigset_t only;
-  sigemptyset(&only);
-  sigaddset(&only, signal);
-  return required(signalfd(-1, &only, SFD_CLOEXEC | SFD_NONBLOCK), "no signalfd");
 }
 
 }  // namespace
@@ -45,18 +37,15 @@ EventSource::EventSource(SerialQueue& target, int signalNumber)
 
 void EventSource::fire() {
   if (waiting.exchange(true)) return;
-  ++references;
   queue.async({[](void* self) { static_cast<EventSource*>(self)->runHandler(); }, this});
 }
 
 void EventSource::runHandler() {
   waiting = false;
   if (!cancelled && handler != nullptr) handler(context);
-  release();
 }
 
 void EventSource::release() {
-  if (--references > 0) return;
   queue.async({[](void* self) { static_cast<EventSource*>(self)->finish(); }, this});
 }
 
@@ -80,6 +69,9 @@ EventLoop::EventLoop()
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);
   watch(timer);
+  sigemptyset(&watchedSignals);
+  signals = required(signalfd(-1, &watchedSignals, SFD_CLOEXEC | SFD_NONBLOCK), "no signalfd");
+  watch(signals);
   const int error =
       startDetachedThread([](void* self) -> void* { static_cast<EventLoop*>(self)->run(); }, this);
   if (error != 0) fatal("no thread for the event loop", error);
@@ -94,13 +86,12 @@ void EventLoop::watch(int descriptor) const {
 
 void EventLoop::add(EventSource& source) {
   const std::scoped_lock lock(mutex);
-  if (source.cancelled) return;
   if (source.signal != 0) {
     signalSources.push_back(&source);
-    if (watchedSignals.insert(source.signal).second) watch(signalDescriptor(source.signal));
+    sigaddset(&watchedSignals, source.signal);
+    required(signalfd(signals, &watchedSignals, 0), "signal not watched");
   } else if (source.deadline != DISPATCH_TIME_FOREVER) {
-    source.turn = ++lastTurn;
-    timers.insert(&source);
+    timers.emplace(source.deadline, &source);
     setTimerLocked();
   }
 }
@@ -109,11 +100,8 @@ void EventLoop::cancel(EventSource& source) {
   const std::scoped_lock lock(mutex);
   source.cancelled = true;
   std::erase(signalSources, &source);
-  if (timers.erase(&source) > 0) setTimerLocked();
-}
-
-bool EventLoop::Earlier::operator()(const EventSource* a, const EventSource* b) const {
-  return std::tie(a->deadline, a->turn) < std::tie(b->deadline, b->turn);
+  const auto isOwn = [&source](const auto& entry) { return entry.second == &source; };
+  if (std::erase_if(timers, isOwn) > 0) setTimerLocked();
 }
 
 void EventLoop::run() {
@@ -126,25 +114,23 @@ void EventLoop::run() {
     if (event.data.fd == timer) {
       fireTimers();
     } else {
-      fireSignals(event.data.fd);
+      fireSignals();
     }
   }
 }
 
 void EventLoop::fireTimers() {
   const std::scoped_lock lock(mutex);
-  const std::uint64_t now = nowNanoseconds();
-  while (!timers.empty() && (*timers.begin())->deadline <= now) {
-    (*timers.begin())->fire();
-    timers.erase(timers.begin());
-  }
+  const auto due = timers.upper_bound(nowNanoseconds());
+  for (auto entry = timers.begin(); entry != due; ++entry) entry->second->fire();
+  timers.erase(timers.begin(), due);
   setTimerLocked();
 }
 
-void EventLoop::fireSignals(int descriptor) {
+void EventLoop::fireSignals() {
+  const std::scoped_lock lock(mutex);
   signalfd_siginfo delivery{};
-  while (read(descriptor, &delivery, sizeof delivery) == sizeof delivery) {
-    const std::scoped_lock lock(mutex);
+  while (read(signals, &delivery, sizeof delivery) == sizeof delivery) {
     for (EventSource* source : signalSources) {
       if (static_cast<std::uint32_t>(source->signal) == delivery.ssi_signo) source->fire();
     }
@@ -156,7 +142,7 @@ void EventLoop::fireSignals(int descriptor) {
 void EventLoop::setTimerLocked() const {
   itimerspec first{};
   if (!timers.empty()) {
-    const dispatch_time_t deadline = (*timers.begin())->deadline;
+    const dispatch_time_t deadline = timers.begin()->first;
     first.it_value.tv_sec = static_cast<time_t>(deadline / NSEC_PER_SEC);
     first.it_value.tv_nsec = static_cast<long>(deadline % NSEC_PER_SEC);
     if (deadline == DISPATCH_TIME_NOW) first.it_value.tv_nsec = 1;  // all zero would mean off

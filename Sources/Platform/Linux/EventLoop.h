@@ -1,22 +1,22 @@
 // What dispatch sources wait for. One thread of the layer waits for the next deadline of all timers
-// on one timerfd, and for each signal on a signalfd, and puts the handlers onto their queues; it
+// on one timerfd, and for all signals on one signalfd, and puts the handlers onto their queues; it
 // runs none itself, and with no timer due and no signal it never wakes. Callable from any thread.
 #pragma once
 
 #include <dispatch/dispatch.h>
+#include <signal.h>
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <mutex>
-#include <set>
 #include <vector>
 
 #include "Platform/Linux/SerialQueue.h"
 
 namespace quorvane::dispatch {
 
-/// A timer or a signal source. Its references are the creator's, and one for the handler while that
-/// waits or runs; it keeps its queue. It is freed on the queue after its finalizer.
+/// A timer or a signal source. It keeps its queue, and is freed there after its finalizer.
 class EventSource final : public dispatch_source_s {
  public:
   /// A timer has the signal number 0.
@@ -27,6 +27,7 @@ class EventSource final : public dispatch_source_s {
   /// Puts the handler onto the queue; once, however often the event comes before it has begun, so
   /// that a flood of signals takes no memory.
   void fire();
+  /// Frees a cancelled source, by a block that comes behind all of its own on the queue.
   void release();
 
   const int signal;
@@ -36,10 +37,7 @@ class EventSource final : public dispatch_source_s {
   dispatch_function_t finalizer = nullptr;
   void* context = nullptr;
   dispatch_time_t deadline = DISPATCH_TIME_FOREVER;
-  bool resumed = false;
 
-  // Written by the event loop, under its mutex.
-  std::uint64_t turn = 0;  // among timers of one deadline
   std::atomic<bool> cancelled = false;
 
  private:
@@ -47,7 +45,6 @@ class EventSource final : public dispatch_source_s {
   void finish();
 
   SerialQueue& queue;
-  std::atomic<int> references = 1;
   std::atomic<bool> waiting = false;
 };
 
@@ -60,34 +57,29 @@ class EventLoop {
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
-  /// Fires the source from now on, unless it is cancelled already. The signal of a signal source
-  /// must be blocked in all threads.
+  /// Fires the source from now on. The signal of a signal source must be blocked in all threads.
   void add(EventSource& source);
   /// Fires the source never again. When this is called on the source's queue, a handler that waits
   /// there will not run.
   void cancel(EventSource& source);
 
  private:
-  struct Earlier {
-    bool operator()(const EventSource* a, const EventSource* b) const;
-  };
-
   EventLoop();
   ~EventLoop() = delete;
   void watch(int descriptor) const;
   [[noreturn]] void run();
   void fireTimers();
-  void fireSignals(int descriptor);
+  void fireSignals();
   void setTimerLocked() const;
 
   const int timer;
   const int events;
+  int signals = -1;
 
   std::mutex mutex;  // guards what follows; taken before a queue's, never the other way round
-  std::set<EventSource*, Earlier> timers;
+  std::multimap<dispatch_time_t, EventSource*> timers;
   std::vector<EventSource*> signalSources;
-  std::set<int> watchedSignals;  // each by a descriptor of its own, for good
-  std::uint64_t lastTurn = 0;
+  sigset_t watchedSignals{};  // only grows
 };
 
 /// Nanoseconds on the clock of the timers, which counts the time in suspend: what falls due while

@@ -3,7 +3,6 @@
 // from any thread.
 #include <fcntl.h>
 #include <os/log.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,18 +11,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <memory>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "Platform/SystemPath.h"
 #include "Platform/UTF8.h"
@@ -108,24 +104,11 @@ bool sendToJournal(const std::string& datagram) {
   return sent >= 0;
 }
 
-/// write(2) to a pipe that has lost its reader, without the signal that would end the process.
-void writeWithoutSIGPIPE(int descriptor, std::string_view line) {
-  sigset_t brokenPipe;
-  sigset_t before;
-  sigemptyset(&brokenPipe);
-  sigaddset(&brokenPipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &brokenPipe, &before);
-  if (write(descriptor, line.data(), line.size()) < 0 && errno == EPIPE) {
-    constexpr timespec atOnce{};
-    sigtimedwait(&brokenPipe, nullptr, &atOnce);
-  }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
 /// The line, or nothing when it cannot be taken at once. poll(2) would not do: it calls a terminal
 /// writable that has room for one byte, and two writers can find the same room in a pipe. Nor may
 /// descriptor 2 itself be made non-blocking, for others share its open file. So a pipe or a
-/// terminal is opened once more, without blocking.
+/// terminal is opened once more, without blocking. A pipe without a reader is an error and nothing
+/// worse, for the dispatch layer has SIGPIPE ignored in the whole process.
 void writeToStandardError(std::string_view line) {
   struct stat status {};
   if (fstat(STDERR_FILENO, &status) != 0) return;
@@ -133,15 +116,14 @@ void writeToStandardError(std::string_view line) {
     send(STDERR_FILENO, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     return;
   }
-  if (S_ISREG(status.st_mode)) {
-    // Through the shared file offset. No reader can hold up a file.
-    writeWithoutSIGPIPE(STDERR_FILENO, line);
-    return;
-  }
-  const int own = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (own < 0) return;
-  writeWithoutSIGPIPE(own, line);
-  close(own);
+  // A file is written through its shared offset. No reader can hold it up.
+  const bool isFile = S_ISREG(status.st_mode);
+  const int descriptor =
+      isFile ? STDERR_FILENO
+             : open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (descriptor < 0) return;
+  [[maybe_unused]] const ssize_t written = write(descriptor, line.data(), line.size());
+  if (!isFile) close(descriptor);
 }
 
 }  // namespace
@@ -151,9 +133,9 @@ os_log_t os_log_create(const char* subsystem, const char* category) {
   quorvane::fillStandardDescriptors();
   // Never freed: a log lives until the process ends, and threads may use it until then.
   static std::mutex& mutex = *new std::mutex;
-  static auto& logs = *new std::vector<std::unique_ptr<os_log_s>>;
+  static auto& logs = *new std::deque<os_log_s>;
   const std::lock_guard lock(mutex);
-  return logs.emplace_back(new os_log_s{subsystem, category}).get();
+  return &logs.emplace_back(os_log_s{subsystem, category});
 }
 
 void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...) {

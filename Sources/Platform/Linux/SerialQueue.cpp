@@ -70,14 +70,7 @@ void SerialQueue::sync(Block block) {
 
 void SerialQueue::suspend() {
   const std::scoped_lock lock(mutex);
-  ++suspensions;
-}
-
-void SerialQueue::resume() {
-  const std::scoped_lock lock(mutex);
-  if (suspensions == 0) fatal("dispatch_resume of a queue that is not suspended", EINVAL);
-  --suspensions;
-  changed.notify_one();
+  suspended = true;
 }
 
 void SerialQueue::retain() {
@@ -99,7 +92,7 @@ void SerialQueue::drain() {
 
 std::optional<Block> SerialQueue::nextBlock() {
   std::unique_lock lock(mutex);
-  changed.wait(lock, [this] { return blocks.empty() ? references == 0 : suspensions == 0; });
+  changed.wait(lock, [this] { return blocks.empty() ? references == 0 : !suspended; });
   if (blocks.empty()) return std::nullopt;
   const Block block = blocks.front();
   blocks.pop_front();

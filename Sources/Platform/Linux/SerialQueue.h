@@ -36,8 +36,8 @@ class SerialQueue final : public dispatch_queue_main_s {
   void async(Block block);
   /// Returns when the block has run. Fatal on the queue itself, where it would wait for ever.
   void sync(Block block);
+  /// For good: blocks that have not begun never run.
   void suspend();
-  void resume();
   void retain();
   /// After the last one the queue may be gone.
   void release();
@@ -53,7 +53,7 @@ class SerialQueue final : public dispatch_queue_main_s {
   std::mutex mutex;  // guards what follows
   std::condition_variable changed;
   std::deque<Block> blocks;
-  int suspensions = 0;
+  bool suspended = false;
   int references = 1;
 };
 

@@ -7,70 +7,44 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <limits>
 #include <system_error>
-
-#include "Platform/Linux/Drivers/LittleEndian.h"
 
 namespace quorvane::simulation {
 namespace {
 
-constexpr std::string_view magic("QRVSMC\0\0", 8);
-constexpr std::uint32_t version = 1;
-constexpr std::size_t headerSize = 24;
-constexpr std::size_t slotSize = 52;
-constexpr std::size_t fileSize = headerSize + SMCMachine::slotCount * slotSize;
-using FileBytes = std::array<std::uint8_t, fileSize>;
+struct Header {
+  std::array<char, 8> magic{'Q', 'R', 'V', 'S', 'M', 'C'};
+  std::uint32_t version = 1;
+  std::uint32_t slotCount = SMCMachine::slotCount;
+  std::int64_t changedAt = 0;
+};
+static_assert(sizeof(Header) == 24);
 
-void storeSlot(std::uint8_t* at, const Key& key) {
-  storeLittleEndian(at, key.code);
-  storeLittleEndian(at + 4, key.size);
-  storeLittleEndian(at + 8, key.type);
-  at[12] = key.attributes;
-  at[13] = static_cast<std::uint8_t>(key.failure);
-  storeLittleEndian(at + 16, static_cast<std::uint32_t>(key.failureValue));
-  std::memcpy(at + 20, key.data.data(), key.data.size());
-}
-
-bool loadSlot(const std::uint8_t* at, Key& key) {
-  key.code = loadLittleEndian<std::uint32_t>(at);
-  key.size = loadLittleEndian<std::uint32_t>(at + 4);
-  key.type = loadLittleEndian<std::uint32_t>(at + 8);
-  key.attributes = at[12];
-  if (key.size > dataSizeMax || at[13] > static_cast<std::uint8_t>(Failure::call)) return false;
-  key.failure = static_cast<Failure>(at[13]);
-  key.failureValue = static_cast<std::int32_t>(loadLittleEndian<std::uint32_t>(at + 16));
-  std::memcpy(key.data.data(), at + 20, key.data.size());
-  return true;
-}
+using FileBytes = std::array<std::uint8_t, sizeof(Header) + sizeof(SMCMachine::slots)>;
 
 FileBytes encode(const SMCMachine& machine) {
-  FileBytes bytes{};
-  std::memcpy(bytes.data(), magic.data(), magic.size());
-  storeLittleEndian(bytes.data() + 8, version);
-  storeLittleEndian(bytes.data() + 12, static_cast<std::uint32_t>(SMCMachine::slotCount));
-  storeLittleEndian(bytes.data() + 16, static_cast<std::uint64_t>(machine.changedAt.count()));
-  for (std::size_t i = 0; i < SMCMachine::slotCount; ++i) {
-    storeSlot(bytes.data() + headerSize + i * slotSize, machine.slots[i]);
-  }
+  Header header;
+  header.changedAt = machine.changedAt.count();
+  FileBytes bytes;
+  std::memcpy(bytes.data(), &header, sizeof header);
+  std::memcpy(bytes.data() + sizeof header, machine.slots.data(), sizeof machine.slots);
   return bytes;
 }
 
 bool decode(const FileBytes& bytes, SMCMachine& machine) {
-  const auto changedAt = loadLittleEndian<std::uint64_t>(bytes.data() + 16);
-  if (std::memcmp(bytes.data(), magic.data(), magic.size()) != 0 ||
-      loadLittleEndian<std::uint32_t>(bytes.data() + 8) != version ||
-      loadLittleEndian<std::uint32_t>(bytes.data() + 12) != SMCMachine::slotCount ||
-      changedAt > std::numeric_limits<std::int64_t>::max()) {
-    return false;
-  }
-  machine.changedAt = std::chrono::nanoseconds(static_cast<std::int64_t>(changedAt));
-  for (std::size_t i = 0; i < SMCMachine::slotCount; ++i) {
-    if (!loadSlot(bytes.data() + headerSize + i * slotSize, machine.slots[i])) return false;
-  }
-  return true;
+  const Header known;
+  Header header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  std::memcpy(machine.slots.data(), bytes.data() + sizeof header, sizeof machine.slots);
+  machine.changedAt = std::chrono::nanoseconds(header.changedAt);
+  return header.magic == known.magic && header.version == known.version &&
+         header.slotCount == known.slotCount && header.changedAt >= 0 &&
+         std::all_of(machine.slots.begin(), machine.slots.end(), [](const Key& key) {
+           return key.size <= dataSizeMax && key.failure <= Failure::call;
+         });
 }
 
 int lock(int descriptor) {
@@ -118,8 +92,8 @@ int SMCFile::create(const std::string& path, const SMCMachine& machine) {
   const int descriptor = mkostemp(temporary.data(), O_CLOEXEC);
   if (descriptor < 0) return errno;
   int error = writeWhole(descriptor, encode(machine));
-  // Who may not change the machine may still look at it: probing needs no privilege.
-  if (error == 0 && fchmod(descriptor, 0644) != 0) error = errno;
+  // The mode stays 0600, as mkostemp(3) has it: whoever can open the file, if only for reading, can
+  // hold its lock, and so hold up a restore.
   if (error == 0 && rename(temporary.c_str(), path.c_str()) != 0) error = errno;
   if (error != 0) unlink(temporary.c_str());
   close(descriptor);

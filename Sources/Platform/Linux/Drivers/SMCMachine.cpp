@@ -3,12 +3,10 @@
 #include <time.h>
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <utility>
-
-#include "Platform/Linux/Drivers/LittleEndian.h"
 
 namespace quorvane::simulation {
 namespace {
@@ -18,6 +16,20 @@ using std::chrono::nanoseconds;
 /// The key of the same fan with another suffix: the upper half of the code names the fan.
 FourCharCode sibling(FourCharCode fanKey, std::string_view suffix) {
   return (fanKey & 0xFFFF0000U) | fourCharCode(suffix);
+}
+
+template <typename Number>
+Number load(const Data& data) {
+  Number number;
+  std::memcpy(&number, data.data(), sizeof number);
+  return number;
+}
+
+template <typename Number>
+Data store(Number number) {
+  Data data{};
+  std::memcpy(data.data(), &number, sizeof number);
+  return data;
 }
 
 bool hasSpeedType(const Key& key) {
@@ -31,34 +43,22 @@ bool isActualSpeed(const Key& key) {
 /// REQUIRES: the key has a speed type.
 std::optional<double> decodeSpeed(const Key& key, const Data& data) {
   if (key.type == typeFpe2) return (data[0] * 256 + data[1]) / 4.0;
-  const auto value = std::bit_cast<float>(loadLittleEndian<std::uint32_t>(data.data()));
+  const auto value = load<float>(data);
   return std::isfinite(value) ? std::optional<double>(value) : std::nullopt;
 }
 
 /// REQUIRES: the key has a speed type, and the speed is within the range of a float.
 Data encodeSpeed(const Key& key, double speed) {
-  Data data{};
-  if (key.type == typeFlt) {
-    storeLittleEndian(data.data(), std::bit_cast<std::uint32_t>(static_cast<float>(speed)));
-    return data;
-  }
+  if (key.type == typeFlt) return store(static_cast<float>(speed));
   const auto quarters =
       static_cast<std::uint16_t>(std::lround(std::clamp(speed * 4, 0.0, 65535.0)));
-  data[0] = static_cast<std::uint8_t>(quarters >> 8);
-  data[1] = static_cast<std::uint8_t>(quarters & 0xFF);
-  return data;
+  return {static_cast<std::uint8_t>(quarters >> 8), static_cast<std::uint8_t>(quarters & 0xFF)};
 }
 
 double loadActual(const Data& data) {
-  const auto speed = std::bit_cast<double>(loadLittleEndian<std::uint64_t>(data.data()));
+  const auto speed = load<double>(data);
   // The bytes come from a file, in which anything may stand. NaN fails the comparison, too.
   return std::abs(speed) <= std::numeric_limits<float>::max() ? speed : 0;
-}
-
-Data storeActual(double speed) {
-  Data data{};
-  storeLittleEndian(data.data(), std::bit_cast<std::uint64_t>(speed));
-  return data;
 }
 
 }  // namespace
@@ -112,7 +112,7 @@ SMCMachine SMCMachine::fresh(unsigned fanCount, FourCharCode speedType) {
   const auto addSpeed = [&](FourCharCode code, std::uint8_t attributes, double speed) {
     const std::uint32_t size = speedType == typeFlt ? 4 : 2;
     *slot = {.code = code, .size = size, .type = speedType, .attributes = attributes};
-    slot->data = isActualSpeed(*slot) ? storeActual(speed) : encodeSpeed(*slot, speed);
+    slot->data = isActualSpeed(*slot) ? store(speed) : encodeSpeed(*slot, speed);
     ++slot;
   };
   addByte(fourCharCode("FNum"), readOnly, static_cast<std::uint8_t>(fanCount));
@@ -144,7 +144,7 @@ Data SMCMachine::value(const Key& key, nanoseconds now) const {
 
 void SMCMachine::setValue(Key& key, const Data& value, nanoseconds now) {
   settle(now);
-  key.data = isActualSpeed(key) ? storeActual(decodeSpeed(key, value).value_or(0)) : value;
+  key.data = isActualSpeed(key) ? store(decodeSpeed(key, value).value_or(0)) : value;
 }
 
 void SMCMachine::remove(Key& key, nanoseconds now) {
@@ -181,7 +181,7 @@ double SMCMachine::actual(const Key& key, nanoseconds now) const {
 /// Puts the present speeds into the fans' keys. Must come before whatever changes a goal.
 void SMCMachine::settle(nanoseconds now) {
   for (Key& key : slots) {
-    if (isActualSpeed(key)) key.data = storeActual(actual(key, now));
+    if (isActualSpeed(key)) key.data = store(actual(key, now));
   }
   changedAt = now;
 }

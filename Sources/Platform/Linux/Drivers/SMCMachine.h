@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -44,17 +45,20 @@ using Data = std::array<std::uint8_t, dataSizeMax>;
 /// What reads and writes of a key answer instead of being done.
 enum class Failure : std::uint8_t { none, result, call };
 
+/// Laid out as in the file (see SMCFile.h).
 struct Key {
   FourCharCode code = 0;   // 0: there is no key here
   std::uint32_t size = 0;  // at most dataSizeMax
   FourCharCode type = 0;
   std::uint8_t attributes = 0;
   Failure failure = Failure::none;
+  std::uint16_t unused = 0;
   std::int32_t failureValue = 0;  // an SMC result byte, or a kernel return code
-  /// Of an actual-speed key: the speed at `changedAt`, an IEEE double in little-endian bytes, so
-  /// that many small steps of time lose nothing to the key's own format.
+  /// Of an actual-speed key: the speed at `changedAt`, an IEEE double, so that many small steps of
+  /// time lose nothing to the key's own format.
   Data data{};
 };
+static_assert(sizeof(Key) == 52 && std::endian::native == std::endian::little);
 
 class SMCMachine {
  public:

@@ -7,9 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
-#include "Platform/Linux/Drivers/LittleEndian.h"
 #include "Platform/Linux/Drivers/SMCFile.h"
 
 namespace quorvane::simulation {
@@ -24,40 +22,21 @@ constexpr std::uint8_t resultNotReadable = 133;
 constexpr std::uint8_t resultNotWritable = 134;
 constexpr std::uint8_t resultMismatch = 135;
 
-/// The driver's parameter record, without the bytes that nobody reads.
+/// The driver's parameter record. What is unused here is ignored in a request and zero in a reply.
 struct Record {
-  static constexpr std::size_t byteCount = 80;
-  using Bytes = std::array<std::uint8_t, byteCount>;
-
   FourCharCode key = 0;
+  std::array<std::uint8_t, 24> unused1{};
   std::uint32_t size = 0;
   FourCharCode type = 0;
   std::uint8_t attributes = 0;
+  std::array<std::uint8_t, 3> unused2{};
   std::uint8_t result = 0;
-  std::uint8_t command = 0;
+  std::uint8_t unused3 = 0;
+  Command command{};
+  std::array<std::uint8_t, 5> unused4{};
   Data data{};
 };
-
-Record decode(const Record::Bytes& bytes) {
-  Record record;
-  record.key = loadLittleEndian<std::uint32_t>(bytes.data());
-  record.size = loadLittleEndian<std::uint32_t>(bytes.data() + 28);
-  record.type = loadLittleEndian<std::uint32_t>(bytes.data() + 32);
-  record.attributes = bytes[36];
-  record.command = bytes[42];
-  std::memcpy(record.data.data(), bytes.data() + 48, record.data.size());
-  return record;
-}
-
-Record::Bytes encode(const Record& record) {
-  Record::Bytes bytes{};
-  storeLittleEndian(bytes.data() + 28, record.size);
-  storeLittleEndian(bytes.data() + 32, record.type);
-  bytes[36] = record.attributes;
-  bytes[40] = record.result;
-  std::memcpy(bytes.data() + 48, record.data.data(), record.data.size());
-  return bytes;
-}
+static_assert(sizeof(Record) == 80);
 
 struct Answer {
   kern_return_t status = KERN_SUCCESS;
@@ -69,9 +48,7 @@ Answer withStatus(kern_return_t status) {
 }
 
 Answer withResult(std::uint8_t result) {
-  Answer answer;
-  answer.reply.result = result;
-  return answer;
+  return {.status = KERN_SUCCESS, .reply = {.result = result}};
 }
 
 kern_return_t kernelReturn(int error) {
@@ -82,18 +59,13 @@ kern_return_t kernelReturn(int error) {
 }
 
 Answer info(const Key& key) {
-  Answer answer;
-  answer.reply.size = key.size;
-  answer.reply.type = key.type;
-  answer.reply.attributes = key.attributes;
-  return answer;
+  return {.status = KERN_SUCCESS,
+          .reply = {.size = key.size, .type = key.type, .attributes = key.attributes}};
 }
 
 Answer readKey(const Key& key, const SMCMachine& machine, std::chrono::nanoseconds now) {
   if ((key.attributes & attributeReadable) == 0) return withResult(resultNotReadable);
-  Answer answer;
-  answer.reply.data = machine.value(key, now);
-  return answer;
+  return {.status = KERN_SUCCESS, .reply = {.data = machine.value(key, now)}};
 }
 
 Answer writeKey(Key& key, const Record& request, SMCFile& file, std::chrono::nanoseconds now) {
@@ -104,17 +76,17 @@ Answer writeKey(Key& key, const Record& request, SMCFile& file, std::chrono::nan
   return withStatus(kernelReturn(file.save()));
 }
 
-Answer serve(const Record& request, Command command, SMCFile& file, std::chrono::nanoseconds now) {
+Answer serve(const Record& request, SMCFile& file, std::chrono::nanoseconds now) {
   Key* key = file.machine.find(request.key);
   if (key == nullptr) return withResult(resultKeyMissing);
-  if (command == Command::info) return info(*key);
+  if (request.command == Command::info) return info(*key);
   if (key->failure == Failure::call) return withStatus(key->failureValue);
   if (key->failure == Failure::result) {
     return withResult(static_cast<std::uint8_t>(key->failureValue));
   }
   if (request.size != key->size || request.type != key->type) return withResult(resultMismatch);
-  return command == Command::read ? readKey(*key, file.machine, now)
-                                  : writeKey(*key, request, file, now);
+  return request.command == Command::read ? readKey(*key, file.machine, now)
+                                          : writeKey(*key, request, file, now);
 }
 
 const char* nameOf(Command command) {
@@ -122,7 +94,8 @@ const char* nameOf(Command command) {
   return command == Command::read ? "read" : "write";
 }
 
-std::string traceLine(const Record& request, Command command, const Answer& answer) {
+std::string traceLine(const Record& request, const Answer& answer) {
+  const Command command = request.command;
   const bool done = answer.status == KERN_SUCCESS && answer.reply.result == 0;
   const Record& shown = command == Command::info ? answer.reply : request;
   const Data& data = command == Command::write ? request.data : answer.reply.data;
@@ -147,20 +120,16 @@ void appendToTrace(const std::string& path, const std::string& line) {
 
 }  // namespace
 
-SimulatedSMC::SimulatedSMC(std::string smcFile, Clock clock)
-    : file(std::move(smcFile)), now(std::move(clock)) {}
-
 kern_return_t SimulatedSMC::callStructMethod(std::uint32_t selector, const void* input,
                                              std::size_t inputSize, void* output,
                                              std::size_t* outputSize) {
-  if (selector != structMethodSelector || input == nullptr || inputSize != Record::byteCount ||
-      output == nullptr || outputSize == nullptr || *outputSize < Record::byteCount) {
+  Record request;
+  if (selector != structMethodSelector || input == nullptr || inputSize != sizeof request ||
+      output == nullptr || outputSize == nullptr || *outputSize < sizeof request) {
     return kIOReturnBadArgument;
   }
-  Record::Bytes bytes{};
-  std::memcpy(bytes.data(), input, bytes.size());
-  const Record request = decode(bytes);
-  const auto command = static_cast<Command>(request.command);
+  std::memcpy(&request, input, sizeof request);
+  const Command command = request.command;
   if (command != Command::read && command != Command::write && command != Command::info) {
     return kIOReturnBadArgument;
   }
@@ -169,14 +138,13 @@ kern_return_t SimulatedSMC::callStructMethod(std::uint32_t selector, const void*
   const int error = opened.open(
       file, command == Command::write ? SMCFile::Access::change : SMCFile::Access::read);
   const Answer answer =
-      error != 0 ? withStatus(kernelReturn(error)) : serve(request, command, opened, now());
+      error != 0 ? withStatus(kernelReturn(error)) : serve(request, opened, bootTime());
   // The lock is still held: lines come in the order of effects.
-  appendToTrace(file + ".trace", traceLine(request, command, answer));
+  appendToTrace(file + ".trace", traceLine(request, answer));
 
   if (answer.status != KERN_SUCCESS) return answer.status;
-  bytes = encode(answer.reply);
-  std::memcpy(output, bytes.data(), bytes.size());
-  *outputSize = bytes.size();
+  std::memcpy(output, &answer.reply, sizeof answer.reply);
+  *outputSize = sizeof answer.reply;
   return KERN_SUCCESS;
 }
 

@@ -17,27 +17,22 @@
 // read, or `-`, and what the call answered: kernel return and SMC result.
 #pragma once
 
-#include <functional>
 #include <string>
+#include <utility>
 
-#include "Platform/Linux/Drivers/SMCMachine.h"
 #include "Platform/Linux/IOKitRegistry.h"
 
 namespace quorvane::simulation {
 
 class SimulatedSMC final : public iokit::UserClient {
  public:
-  /// Tells the time since boot; called on the thread of the call.
-  using Clock = std::function<std::chrono::nanoseconds()>;
-
-  explicit SimulatedSMC(std::string smcFile, Clock clock = bootTime);
+  explicit SimulatedSMC(std::string smcFile) : file(std::move(smcFile)) {}
 
   kern_return_t callStructMethod(std::uint32_t selector, const void* input, std::size_t inputSize,
                                  void* output, std::size_t* outputSize) override;
 
  private:
   const std::string file;
-  const Clock now;
 };
 
 }  // namespace quorvane::simulation

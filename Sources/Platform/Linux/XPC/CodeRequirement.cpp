@@ -3,65 +3,70 @@
 #include <algorithm>
 
 namespace quorvane::xpc {
+namespace {
 
-/// Recursive descent, one token ahead. A token is a word, a string with its quotes or a single
-/// other byte; the empty token is the end. What is no token of the language (a lone quote, a stray
-/// byte) is accepted nowhere and so ends the parse.
-class CodeRequirement::Parser {
+/// Recursive descent, one token ahead, that evaluates as it parses; what the result no longer
+/// depends on is parsed all the same. Text that is not of the language yields nothing. A token
+/// is a word, a string with its quotes or a single other byte; the empty token is the end. What is
+/// no token of the language (a lone quote, a stray byte) is accepted nowhere and so ends the parse.
+class Evaluation {
  public:
-  explicit Parser(std::string_view text) : rest(text) { advance(); }
+  Evaluation(std::string_view text, const CodeIdentity& signer) : rest(text), identity(signer) {
+    advance();
+  }
 
-  std::optional<Expression> whole() {
-    std::optional<Expression> result = disjunction(0);
-    return token.empty() ? std::move(result) : std::nullopt;
+  bool holds() {
+    const std::optional<bool> result = disjunction(0);
+    return token.empty() && result.value_or(false);
   }
 
  private:
-  std::optional<Expression> disjunction(int depth) {
-    Expression any{Kind::any};
+  std::optional<bool> disjunction(int depth) {
+    bool any = false;
     do {
-      std::optional<Expression> operand = conjunction(depth);
+      const std::optional<bool> operand = conjunction(depth);
       if (!operand) return std::nullopt;
-      any.operands.push_back(std::move(*operand));
+      any = any || *operand;
     } while (accept("or"));
     return any;
   }
 
-  std::optional<Expression> conjunction(int depth) {
-    Expression all{Kind::all};
+  std::optional<bool> conjunction(int depth) {
+    bool all = true;
     do {
-      std::optional<Expression> operand = term(depth);
+      const std::optional<bool> operand = term(depth);
       if (!operand) return std::nullopt;
-      all.operands.push_back(std::move(*operand));
+      all = all && *operand;
     } while (accept("and"));
     return all;
   }
 
-  std::optional<Expression> term(int depth) {
+  std::optional<bool> term(int depth) {
     if (accept("(")) {
-      if (depth == maxNesting) return std::nullopt;
-      std::optional<Expression> inner = disjunction(depth + 1);
-      return accept(")") ? std::move(inner) : std::nullopt;
+      if (depth == maxRequirementNesting) return std::nullopt;
+      const std::optional<bool> inner = disjunction(depth + 1);
+      return accept(")") ? inner : std::nullopt;
     }
     if (accept("anchor")) {
       if (!accept("apple") || !accept("generic")) return std::nullopt;
-      return Expression{Kind::anchored};
+      return true;  // or the signer would not have become a CodeIdentity
     }
     if (accept("certificate")) {
       for (const char* expected : {"leaf", "[", "subject.OU", "]", "="}) {
         if (!accept(expected)) return std::nullopt;
       }
-      return comparison(Kind::leafOrganizationalUnit);
+      return isNext(identity.leafOrganizationalUnit);
     }
-    if (accept("identifier")) return comparison(Kind::identifier);
+    if (accept("identifier")) return isNext(identity.identifier);
     return std::nullopt;
   }
 
-  std::optional<Expression> comparison(Kind kind) {
+  /// Takes a string and compares it.
+  std::optional<bool> isNext(const std::optional<std::string>& value) {
     if (token.size() < 2 || token.front() != '"') return std::nullopt;
-    Expression result{kind, std::string(token.substr(1, token.size() - 2))};
+    const bool isEqual = value == token.substr(1, token.size() - 2);
     advance();
-    return result;
+    return isEqual;
   }
 
   bool accept(std::string_view expected) {
@@ -88,30 +93,13 @@ class CodeRequirement::Parser {
 
   std::string_view rest;
   std::string_view token;
+  const CodeIdentity& identity;
 };
 
-std::optional<CodeRequirement> CodeRequirement::parse(std::string_view text) {
-  if (text.size() > maxTextLength) return std::nullopt;
-  std::optional<Expression> parsed = Parser(text).whole();
-  if (!parsed) return std::nullopt;
-  return CodeRequirement(std::move(*parsed));
-}
+}  // namespace
 
-bool CodeRequirement::Expression::isTrueOf(const CodeIdentity& identity) const {
-  const auto holds = [&identity](const Expression& operand) { return operand.isTrueOf(identity); };
-  switch (kind) {
-    case Kind::anchored:
-      return true;  // or it would not have become a CodeIdentity
-    case Kind::leafOrganizationalUnit:
-      return identity.leafOrganizationalUnit == value;
-    case Kind::identifier:
-      return identity.identifier == value;
-    case Kind::all:
-      return std::all_of(operands.begin(), operands.end(), holds);
-    case Kind::any:
-      return std::any_of(operands.begin(), operands.end(), holds);
-  }
-  return false;
+bool requirementHolds(std::string_view text, const CodeIdentity& identity) {
+  return text.size() <= maxRequirementLength && Evaluation(text, identity).holds();
 }
 
 }  // namespace quorvane::xpc

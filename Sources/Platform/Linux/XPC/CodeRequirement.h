@@ -3,12 +3,9 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 namespace quorvane::xpc {
 
@@ -21,8 +18,14 @@ struct CodeIdentity {
   std::optional<std::string> leafOrganizationalUnit;
 };
 
-/// A requirement that has been understood whole. The grammar, with `and` binding tighter than `or`
-/// and white space free between tokens:
+/// Ten times what the requirements in use need.
+inline constexpr std::size_t maxRequirementLength = 2048;
+/// Parentheses within parentheses; each level is a level of recursion.
+inline constexpr int maxRequirementNesting = 16;
+
+/// Whether the identity satisfies the requirement: nobody does when any part of the text is not of
+/// the language. Strings are compared exactly, byte for byte. The grammar, with `and` binding
+/// tighter than `or` and white space free between tokens:
 ///
 ///     requirement = conjunction { "or" conjunction }
 ///     conjunction = term { "and" term }
@@ -31,35 +34,6 @@ struct CodeIdentity {
 ///                 | "identifier" string
 ///                 | "(" requirement ")"
 ///     string      = '"' { any byte but '"' and '\' } '"'
-class CodeRequirement {
- public:
-  /// Ten times what the requirements in use need.
-  static constexpr std::size_t maxTextLength = 2048;
-  /// Parentheses within parentheses; each level is a level of recursion.
-  static constexpr int maxNesting = 16;
-
-  /// Nothing when any part of the text is not of the language: nobody satisfies such a text.
-  static std::optional<CodeRequirement> parse(std::string_view text);
-
-  /// Compares strings exactly, byte for byte.
-  bool isSatisfiedBy(const CodeIdentity& identity) const { return expression.isTrueOf(identity); }
-
- private:
-  class Parser;
-
-  enum class Kind : std::uint8_t { anchored, leafOrganizationalUnit, identifier, all, any };
-
-  struct Expression {
-    Kind kind;
-    std::string value{};
-    std::vector<Expression> operands{};
-
-    bool isTrueOf(const CodeIdentity& identity) const;
-  };
-
-  explicit CodeRequirement(Expression parsed) : expression(std::move(parsed)) {}
-
-  Expression expression;
-};
+bool requirementHolds(std::string_view text, const CodeIdentity& identity);
 
 }  // namespace quorvane::xpc

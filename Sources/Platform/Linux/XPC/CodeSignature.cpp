@@ -10,9 +10,10 @@
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -20,7 +21,6 @@
 #include <vector>
 
 #include "Platform/Linux/XPC/CodeSignatureContent.h"
-#include "Platform/Linux/XPC/OpenSSLPointer.h"
 #include "Platform/Linux/XPC/SmallFile.h"
 #include "Platform/SystemPath.h"
 #include "Platform/UTF8.h"
@@ -41,6 +41,22 @@ constexpr int maxIntermediates = 4;
 constexpr int authenticationLevel = 2;
 constexpr std::size_t hashChunkSize = std::size_t{64} * 1024;
 
+template <auto release>
+struct Release {
+  template <typename Object>
+  void operator()(Object* object) const {
+    release(object);
+  }
+};
+
+/// Owns an object of libcrypto that `release` frees: OpenSSLPointer<X509, X509_free>.
+template <typename Object, auto release>
+using OpenSSLPointer = std::unique_ptr<Object, Release<release>>;
+
+void releaseCertificates(STACK_OF(X509) * certificates) {
+  sk_X509_pop_free(certificates, X509_free);
+}
+
 /// No handler at exit, because threads may still verify while the process ends; and no
 /// configuration, because neither a file nor the environment is to change what is accepted. Holds
 /// only if nothing in the process has used libcrypto before.
@@ -56,13 +72,12 @@ std::string_view textOf(const ASN1_STRING& string) {
 
 /// DER has one encoding of a value, so what encodes to other bytes was not DER or has something
 /// behind it.
-bool isEncodingOf(const CMS_ContentInfo& cms, std::span<const std::uint8_t> encoding) {
+bool isEncodingOf(const CMS_ContentInfo& cms, const Bytes& encoding) {
   const int length = i2d_CMS_ContentInfo(&cms, nullptr);
   if (length < 0 || static_cast<std::size_t>(length) != encoding.size()) return false;
   Bytes encoded(encoding.size());
   std::uint8_t* next = encoded.data();
-  return i2d_CMS_ContentInfo(&cms, &next) == length &&
-         std::equal(encoded.begin(), encoded.end(), encoding.begin());
+  return i2d_CMS_ContentInfo(&cms, &next) == length && encoded == encoding;
 }
 
 void addCertificates(const Bytes& pem, X509_STORE& store) {
@@ -121,7 +136,7 @@ class Verification {
  public:
   explicit Verification(int opened) : executable(opened) {}
 
-  CodeSignatureResult run(std::span<const std::uint8_t> signature) {
+  CodeSignatureResult run(const Bytes& signature) {
     const bool verified = decode(signature) && findSigner() && leafMaySignCode() &&
                           chainEndsAtAnchor() && signatureIsGood() && parseContent() &&
                           contentIsOfExecutable();
@@ -135,7 +150,7 @@ class Verification {
     return false;
   }
 
-  bool decode(std::span<const std::uint8_t> signature) {
+  bool decode(const Bytes& signature) {
     const std::uint8_t* next = signature.data();
     cms.reset(d2i_CMS_ContentInfo(nullptr, &next, static_cast<long>(signature.size())));
     if (!cms || OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed ||
@@ -251,13 +266,6 @@ class Verification {
 
 }  // namespace
 
-CodeSignatureResult verifyCodeSignature(int executable, std::span<const std::uint8_t> signature) {
-  initialiseLibcrypto();
-  CodeSignatureResult result = Verification(executable).run(signature);
-  ERR_clear_error();
-  return result;
-}
-
 CodeSignatureResult verifyCodeSignature(int executable) {
   // A path that no longer leads to the executable does no harm: what is found there must still be a
   // signature of the opened file.
@@ -269,7 +277,10 @@ CodeSignatureResult verifyCodeSignature(int executable) {
   if (file.problem != nullptr) {
     return CodeSignatureRefusal{std::string("the signature ") + file.problem};
   }
-  return verifyCodeSignature(executable, file.bytes);
+  initialiseLibcrypto();
+  CodeSignatureResult result = Verification(executable).run(file.bytes);
+  ERR_clear_error();
+  return result;
 }
 
 }  // namespace quorvane::xpc

@@ -4,8 +4,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <span>
 #include <string>
 #include <variant>
 
@@ -28,8 +26,5 @@ using CodeSignatureResult = std::variant<CodeIdentity, CodeSignatureRefusal>;
 /// its offset is neither used nor moved. The anchors are read anew from system path
 /// /etc/quorvane/anchors/ each time.
 CodeSignatureResult verifyCodeSignature(int executable);
-
-/// The same with the signature given as bytes.
-CodeSignatureResult verifyCodeSignature(int executable, std::span<const std::uint8_t> signature);
 
 }  // namespace quorvane::xpc

@@ -1,15 +1,11 @@
 #include "Platform/Linux/XPC/Connection.h"
 
-#include <fcntl.h>
 #include <sys/random.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -19,39 +15,25 @@
 
 #include "Platform/Linux/DetachedThread.h"
 #include "Platform/Linux/XPC/Exporter.h"
+#include "Platform/Linux/XPC/Peer.h"
 #include "Platform/Linux/XPC/PeerIdentity.h"
 #include "Platform/Linux/XPC/Wire.h"
 
 namespace quorvane::xpc {
 namespace {
 
-void closePassedDescriptors(cmsghdr& control) {
-  if (control.cmsg_level != SOL_SOCKET || control.cmsg_type != SCM_RIGHTS) return;
-  for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= control.cmsg_len; at += sizeof(int)) {
-    int passed = -1;
-    std::memcpy(&passed, CMSG_DATA(&control) + at, sizeof passed);
-    close(passed);
-  }
-}
-
 /// Who sent a message, in the kernel's words (unix(7), SCM_CREDENTIALS); nothing when anything else
-/// came with it. The credentials fill the control buffer, so the kernel has no room to hand over
-/// descriptors and drops them; should it ever, they are closed here.
+/// came with it. The credentials come first and fill the control buffer, so the kernel has no room
+/// to hand over descriptors: it drops them and says so by MSG_CTRUNC.
 std::optional<pid_t> soleSender(msghdr& message) {
-  std::optional<pid_t> sender;
-  bool foreign = (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0;
-  for (cmsghdr* each = CMSG_FIRSTHDR(&message); each != nullptr;
-       each = CMSG_NXTHDR(&message, each)) {
-    if (each->cmsg_level == SOL_SOCKET && each->cmsg_type == SCM_CREDENTIALS && !sender) {
-      ucred credentials{};
-      std::memcpy(&credentials, CMSG_DATA(each), sizeof credentials);
-      sender = credentials.pid;
-    } else {
-      closePassedDescriptors(*each);
-      foreign = true;
-    }
+  const cmsghdr* control = CMSG_FIRSTHDR(&message);
+  if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 || control == nullptr ||
+      control->cmsg_level != SOL_SOCKET || control->cmsg_type != SCM_CREDENTIALS) {
+    return std::nullopt;
   }
-  return foreign ? std::nullopt : sender;
+  ucred credentials{};
+  std::memcpy(&credentials, CMSG_DATA(control), sizeof credentials);
+  return credentials.pid;
 }
 
 /// The socket of one connection and the account of its replies. Owned jointly by the connection's
@@ -98,7 +80,7 @@ class Link {
 
   /// Connection's thread only. The next message, when it is one from this process; nothing when the
   /// connection must end.
-  [[nodiscard]] std::optional<std::string_view> receive(pid_t peer, std::span<char> buffer) {
+  [[nodiscard]] std::optional<std::string_view> receive(const Peer& peer, std::span<char> buffer) {
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
     iovec data{buffer.data(), buffer.size()};
     msghdr message{};
@@ -110,7 +92,8 @@ class Link {
       message.msg_controllen = control.size();
       size = recvmsg(socket.get(), &message, MSG_CMSG_CLOEXEC);
     } while (size < 0 && errno == EINTR);
-    if (size < 0 || soleSender(message) != peer) return std::nullopt;
+    const auto sender = size < 0 ? std::nullopt : soleSender(message);
+    if (!sender || !peer.isSender(*sender)) return std::nullopt;
     return std::string_view(buffer.data(), static_cast<std::size_t>(size));
   }
 
@@ -134,47 +117,22 @@ class Link {
   bool isOver = false;
 };
 
-/// One reply that is owed: given by the first answer, given up when nobody is left to answer.
-class OwedReply {
- public:
-  explicit OwedReply(std::shared_ptr<Link> peer) : link(std::move(peer)) { link->beginReply(); }
-  ~OwedReply() {
-    if (!isAnswered) link->endReply();
-  }
-  OwedReply(const OwedReply&) = delete;
-  OwedReply& operator=(const OwedReply&) = delete;
-
-  void answer(std::string_view reply) {
-    if (isAnswered.exchange(true)) return;
-    link->send(reply);
-    link->endReply();
-  }
-
- private:
-  std::shared_ptr<Link> link;
-  std::atomic<bool> isAnswered = false;
-};
-
-/// The process that connected, or 0 when the kernel cannot name it here (another pid namespace).
-pid_t peerOf(const Link& link) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (getsockopt(link.descriptor(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return 0;
-  return credentials.pid;
+/// The link for one more reply, which is owed until the last copy of this goes.
+std::shared_ptr<Link> oweReply(const std::shared_ptr<Link>& link) {
+  link->beginReply();
+  return {link.get(), [link](Link*) { link->endReply(); }};
 }
 
-bool isRequirementMet(pid_t peer, const std::optional<std::string>& requirement) {
+bool isRequirementMet(const Peer& peer, const std::optional<std::string>& requirement) {
   if (!requirement) return false;
-  const std::string path = "/proc/" + std::to_string(peer) + "/exe";
-  // Not blocking, so that a lease on the file cannot hold up the connection.
-  const Descriptor executable(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const Descriptor executable = peer.openExecutable();
   return executable && satisfiesRequirement(executable.get(), *requirement);
 }
 
 /// A signed executable is not yet a signed sender: its messages may have been queued before it was
 /// executed, or come from somebody who was handed its socket. Only who reads the connection now,
 /// and is this process, can echo the nonce.
-bool echoesChallenge(Link& link, pid_t peer, std::span<char> buffer, Deadline deadline) {
+bool echoesChallenge(Link& link, const Peer& peer, std::span<char> buffer, Deadline deadline) {
   Nonce nonce{};
   if (getrandom(nonce.data(), nonce.size(), 0) != static_cast<ssize_t>(nonce.size())) return false;
   link.send(encodeNonce(MessageKind::challenge, nonce));
@@ -195,18 +153,18 @@ void serve(const Service& service) {
   const Deadline deadline = std::chrono::steady_clock::now() + settings.timeToAdmit;
   Link& link = *service.link;
   std::vector<char> buffer(maxRequestSize);
-  const pid_t peer = peerOf(link);
-  const bool isAdmitted =
-      settings.object && peer > 0 && isRequirementMet(peer, settings.requirement) &&
-      echoesChallenge(link, peer, buffer, deadline) && link.moveTo(*service.admitted);
+  const Peer peer(link.descriptor());
+  const bool isAdmitted = settings.object && isRequirementMet(peer, settings.requirement) &&
+                          echoesChallenge(link, peer, buffer, deadline) &&
+                          link.moveTo(*service.admitted);
   if (!isAdmitted) return;
 
   while (link.waitForRoom()) {
     const auto request = link.receive(peer, buffer);
     if (!request) return;
-    const auto owed = std::make_shared<OwedReply>(service.link);
+    const auto owed = oweReply(service.link);
     const bool isDelivered = deliver(*request, settings.interface, *settings.object,
-                                     [owed](std::string_view reply) { owed->answer(reply); });
+                                     [owed](std::string_view reply) { owed->send(reply); });
     if (!isDelivered) return;
   }
 }

@@ -9,8 +9,8 @@
 
 namespace quorvane::xpc {
 
-/// Takes an encoded reply. Called as often, and on the threads, as the exported object calls the
-/// reply that it was given.
+/// Takes an encoded reply, once, on the thread on which the exported object calls the reply that it
+/// was given.
 using Answer = std::function<void(std::string_view reply)>;
 
 /// Calls the operation that the request names. False when the bytes are no request of the

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -27,40 +26,15 @@ class Acceptor {
       : listening(std::move(listeningSocket)), delegate(std::move(listenerDelegate)) {}
 
   void acceptNext() {
-    Descriptor socket = accept();
+    Descriptor socket(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (socket) {
       receive(std::move(socket));
-    } else if (errno == EMFILE || errno == ENFILE) {
-      acceptWithReserve();
     } else if (errno != EINTR && errno != ECONNABORTED) {
       std::this_thread::sleep_for(exhaustionPause);
     }
   }
 
  private:
-  [[nodiscard]] Descriptor accept() const {
-    return Descriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  }
-
-  static Descriptor openReserve() { return Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
-
-  /// accept(2) fails at once while there is no free descriptor, whether a client waits or not, and
-  /// would be called for ever. The reserve's room lets it wait for the next client, who is served
-  /// if there is room again by then and turned away if not. When somebody else was quicker to take
-  /// the reserve's room, there is nothing but to wait.
-  void acceptWithReserve() {
-    reserve = Descriptor();
-    Descriptor socket = accept();
-    if (!socket) std::this_thread::sleep_for(exhaustionPause);
-    reserve = openReserve();
-    if (socket && reserve) {
-      receive(std::move(socket));
-    } else {
-      socket = Descriptor();
-      reserve = openReserve();
-    }
-  }
-
   void receive(Descriptor socket) {
     Place place = inAdmission->take();
     if (!place || !delegate) return;
@@ -70,7 +44,6 @@ class Acceptor {
   }
 
   Descriptor listening;
-  Descriptor reserve = openReserve();
   std::shared_ptr<ListenerDelegate> delegate;
   std::shared_ptr<Places> inAdmission = std::make_shared<Places>(maxConnectionsInAdmission);
   std::shared_ptr<Places> admitted = std::make_shared<Places>(maxAdmittedConnections);

@@ -1,6 +1,7 @@
 #include "Platform/Linux/XPC/Wire.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "Platform/UTF8.h"
@@ -13,21 +14,6 @@ constexpr std::uint8_t protocolVersion = 1;
 constexpr std::uint32_t noCall = 0;
 
 enum class Tag : std::uint8_t { null, boolean, int64, string, dictionary };
-
-Tag tagOf(XPCType type) {
-  switch (type) {
-    case XPCType::boolean:
-      return Tag::boolean;
-    case XPCType::int64:
-      return Tag::int64;
-    case XPCType::string:
-    case XPCType::optionalString:
-      return Tag::string;
-    case XPCType::stringDictionary:
-      return Tag::dictionary;
-  }
-  return Tag::null;
-}
 
 template <class Unsigned>
 void appendInteger(std::string& bytes, Unsigned value) {
@@ -78,20 +64,6 @@ std::string header(MessageKind kind, std::uint32_t callNumber) {
   appendInteger(bytes, static_cast<std::uint8_t>(kind));
   appendInteger(bytes, callNumber);
   return bytes;
-}
-
-bool hasDuplicateKeys(const StatusReport& dictionary) {
-  std::vector<std::string_view> keys;
-  for (const auto& entry : dictionary) keys.emplace_back(entry.first);
-  std::sort(keys.begin(), keys.end());
-  return std::adjacent_find(keys.begin(), keys.end()) != keys.end();
-}
-
-/// What a null becomes where a value of this type is expected in a message of this kind.
-std::optional<Value> readNull(MessageKind kind, XPCType type) {
-  if (type == XPCType::optionalString) return Value();
-  if (type == XPCType::string && kind == MessageKind::request) return Value(std::string());
-  return std::nullopt;
 }
 
 /// Takes a message apart from its front. A length is believed only as far as there are bytes.
@@ -146,19 +118,22 @@ class Reader {
   }
 
   std::optional<Value> value(MessageKind kind, XPCType type) {
-    const auto tag = integer<std::uint8_t>();
-    if (tag == static_cast<std::uint8_t>(Tag::null)) return readNull(kind, type);
-    if (tag != static_cast<std::uint8_t>(tagOf(type))) return std::nullopt;
+    const auto byte = integer<std::uint8_t>();
+    if (!byte) return std::nullopt;
+    const Tag tag{*byte};
     switch (type) {
       case XPCType::boolean:
-        return boolean();
+        return tag == Tag::boolean ? boolean() : std::nullopt;
       case XPCType::int64:
-        return int64();
+        return tag == Tag::int64 ? int64() : std::nullopt;
       case XPCType::string:
+        if (tag == Tag::null && kind == MessageKind::request) return Value(std::string());
+        return tag == Tag::string ? string() : std::nullopt;
       case XPCType::optionalString:
-        return string();
+        if (tag == Tag::null) return Value();
+        return tag == Tag::string ? string() : std::nullopt;
       case XPCType::stringDictionary:
-        return dictionary();
+        return tag == Tag::dictionary ? dictionary() : std::nullopt;
     }
     return std::nullopt;
   }
@@ -185,13 +160,13 @@ class Reader {
     const auto count = integer<std::uint32_t>();
     if (!count) return std::nullopt;
     StatusReport result;
+    std::set<std::string_view> keys;
     for (std::uint32_t i = 0; i < *count; ++i) {
       const auto key = text();
       const auto value = key ? text() : std::nullopt;
-      if (!value) return std::nullopt;
+      if (!value || !keys.insert(*key).second) return std::nullopt;
       result.emplace_back(*key, *value);
     }
-    if (hasDuplicateKeys(result)) return std::nullopt;
     return Value(std::move(result));
   }
 
@@ -232,7 +207,6 @@ std::string encodeReply(std::uint32_t callNumber, std::span<const Value> values)
 
 std::optional<Request> decodeRequest(std::string_view message,
                                      std::span<const XPCOperation> operations) {
-  if (message.size() > maxRequestSize) return std::nullopt;
   Reader reader(message);
   const auto callNumber = reader.header(MessageKind::request);
   const auto selector = callNumber ? reader.text() : std::nullopt;
@@ -247,7 +221,6 @@ std::optional<Request> decodeRequest(std::string_view message,
 }
 
 std::optional<Reply> decodeReply(std::string_view message, std::span<const XPCType> types) {
-  if (message.size() > maxReplySize) return std::nullopt;
   Reader reader(message);
   const auto callNumber = reader.header(MessageKind::reply);
   if (!callNumber) return std::nullopt;

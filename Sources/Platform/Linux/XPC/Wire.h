@@ -54,7 +54,8 @@ struct Reply {
 std::string encodeNonce(MessageKind kind, const Nonce& nonce);
 std::optional<Nonce> decodeNonce(MessageKind kind, std::string_view message);
 
-/// The encoders write what they are given; a result beyond its bound must not be sent.
+/// The encoders write, and the decoders read, what they are given: the bounds above are kept by who
+/// sends and who receives.
 std::string encodeRequest(std::uint32_t callNumber, std::string_view selector,
                           std::span<const Value> arguments);
 std::string encodeReply(std::uint32_t callNumber, std::span<const Value> values);
