@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -71,6 +72,21 @@ TEST_F(DispatchConformance, CancelledOnItsQueueADueTimerNeverFires) {
     lease.emplace(queue, 30ms, says("renewed"));
   });
   EXPECT_EQ(waitFor("renewed"), "renewed");
+}
+
+TEST_F(DispatchConformance, AHandlerIsFreedOnceItNoLongerRuns) {
+  std::optional<OneShotTimer> timer;
+  std::weak_ptr<int> owned;
+  queue.sync([&] {
+    auto token = std::make_shared<int>();
+    owned = token;
+    timer.emplace(queue, 1ms, [&, token] {
+      timer.reset();  // within its own handler
+      words += owned.expired() ? "too early" : "held";
+    });
+  });
+  EXPECT_EQ(waitFor("held"), "held");
+  queue.sync([&] { EXPECT_TRUE(owned.expired()); });
 }
 
 }  // namespace

@@ -36,11 +36,12 @@ struct VirtualSource final : dispatch_source_s {
   VirtualQueue& queue;
   const int signal;  // 0 for a timer
   dispatch_function_t handler = nullptr;
+  dispatch_function_t finalizer = nullptr;
   void* context = nullptr;
 };
 
-/// Everything since a reset. None of it is freed, nor is what blocks and handlers own: a block that
-/// never runs may hold objects of the test, and they may still release theirs.
+/// Everything since a reset. None of it is freed, nor is what a block owns that never runs: that
+/// may be objects of the test, and they may still release theirs.
 struct World {
   World* previous = nullptr;  // reachable, so that no leak is reported
   uint64_t now = 0;
@@ -139,7 +140,9 @@ void dispatch_set_context(dispatch_object_t object, void* context) {
   static_cast<VirtualSource*>(object)->context = context;
 }
 
-void dispatch_set_finalizer_f(dispatch_object_t /*object*/, dispatch_function_t /*finalizer*/) {}
+void dispatch_set_finalizer_f(dispatch_object_t object, dispatch_function_t finalizer) {
+  static_cast<VirtualSource*>(object)->finalizer = finalizer;
+}
 
 void dispatch_suspend(dispatch_object_t object) {
   ++static_cast<VirtualQueue*>(object)->holds;
@@ -152,7 +155,11 @@ void dispatch_source_cancel(dispatch_source_t source) {
   std::erase_if(world->timers, [source](const auto& entry) { return entry.second == source; });
 }
 
-void dispatch_release(dispatch_object_t /*object*/) {}
+void dispatch_release(dispatch_object_t object) {
+  auto* source = dynamic_cast<VirtualSource*>(object);
+  if (source == nullptr) return;
+  source->queue.blocks.emplace_back([source] { source->finalizer(source->context); });
+}
 
 dispatch_time_t dispatch_time(dispatch_time_t when, int64_t delta) {
   return quorvane::dispatch::timeAfter(when, delta, world->now);
