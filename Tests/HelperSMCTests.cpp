@@ -27,7 +27,7 @@ struct HelperSMCTest : testing::Test {
 TEST_F(HelperSMCTest, OpensTheServiceOfExactlyTheRightNameAndReleasesAllElse) {
   smc.close();
   const std::string right = "AppleSMCKeysEndpoint";
-  machine().serviceNames = {"AppleSMC", right + "2", right, "later"};
+  machine().serviceNames = {"", "AppleSMC", right + "2", right, "later"};
   smc.connect();
   smc.close();
   for (const Lines& names : {Lines{"AppleSMC", right + "2"}, {std::string(200, 'A')}, {}}) {
@@ -58,7 +58,12 @@ TEST_F(HelperSMCTest, RequestsAreLaidOutAsTheDriverExpectsUntilTheConnectionIsCl
   EXPECT_EQ(machine().value("F0Tg"), (ScriptedSMC::Bytes{0x27, 0x10}));
 
   smc.close();
-  EXPECT_THROW(smc.writeRPM("F0Tg", 1500), SMCError);
+  try {
+    smc.writeRPM("F0Tg", 1500);
+    ADD_FAILURE() << "written without a connection";
+  } catch (const SMCError& error) {
+    EXPECT_EQ(error.text(), "notOpen") << "though its info is known";
+  }
   EXPECT_EQ(smc.readRaw("F0Tg"), std::nullopt);
   EXPECT_TRUE(machine().takeCalls().empty());
 }

@@ -39,6 +39,7 @@ std::vector<iokit::Service> iokit::publishedServices() {
       return name == "AppleSMCKeysEndpoint" ? machine().openStatus : kIOReturnNotPrivileged;
     };
     services.push_back({"AppleSMC", name, open});
+    if (name.empty()) services.back().name = std::nullopt;
   }
   return services;
 }

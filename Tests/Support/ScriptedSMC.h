@@ -69,8 +69,8 @@ struct ScriptedSMC {
   /// Struct calls since they were last taken, failed ones included.
   std::vector<Call> takeCalls() { return std::exchange(calls, {}); }
 
-  /// The AppleSMC services, in order. Only one that is named like the second can be opened, and
-  /// answers so.
+  /// The AppleSMC services, in order; the name of an empty one cannot be read. Only one that is
+  /// named like the second can be opened, and answers so.
   std::vector<std::string> serviceNames = {"AppleSMCSensorEndpoint", "AppleSMCKeysEndpoint"};
   kern_return_t openStatus = KERN_SUCCESS;
 
