@@ -40,8 +40,8 @@ struct VirtualSource final : dispatch_source_s {
   void* context = nullptr;
 };
 
-/// Everything since a reset. None of it is freed, nor is what a block owns that never runs: that
-/// may be objects of the test, and they may still release theirs.
+/// Everything since a reset. None of it is freed but a source that was finalized, nor is what a
+/// block owns that never runs: that may be objects of the test, and they may still release theirs.
 struct World {
   World* previous = nullptr;  // reachable, so that no leak is reported
   uint64_t now = 0;
@@ -158,7 +158,10 @@ void dispatch_source_cancel(dispatch_source_t source) {
 void dispatch_release(dispatch_object_t object) {
   auto* source = dynamic_cast<VirtualSource*>(object);
   if (source == nullptr) return;
-  source->queue.blocks.emplace_back([source] { source->finalizer(source->context); });
+  source->queue.blocks.emplace_back([source] {
+    source->finalizer(source->context);
+    world->sources.remove_if([source](const auto& each) { return &each == source; });
+  });
 }
 
 dispatch_time_t dispatch_time(dispatch_time_t when, int64_t delta) {

@@ -1,0 +1,45 @@
+// Fuzzes the code signature of one small executable, under one anchor; and, because no mutation
+// gets past a signature over its content, the content's text on its own.
+#include <fcntl.h>
+
+#include <cassert>
+
+#include "Platform/Linux/XPC/CodeSignature.h"
+#include "Platform/Linux/XPC/CodeSignatureContent.h"
+#include "Support/TemporaryRoot.h"
+
+using namespace quorvane;
+using namespace quorvane::xpc;
+
+/// What a text says that is a content; there is no other text for it.
+static std::string rendered(const CodeSignatureContent& content) {
+  return "identifier: " + content.identifier + "\nsize: " + std::to_string(content.size) +
+         "\nsha256: " + content.sha256 + "\n";
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const TemporaryRoot root;
+  // As Signature/make signs it.
+  static const std::string content = rendered(
+      {"com.quorvane.app", 10, "a29c2123a01df1d0febb9d308a20d8a2fe3d40a91ca8b1294f59f08f9773ebea"});
+  static const int executable = [] {
+    root.write("/app", "executable");
+    std::filesystem::copy(FUZZ_FOLDER "/Signature/root.crt",
+                          root.prepare("/etc/quorvane/anchors/root.pem"));
+    std::filesystem::copy(FUZZ_FOLDER "/Seeds/signature/good", root.path("/app.codesign"));
+    const int file = open(root.path("/app").c_str(), O_RDONLY | O_CLOEXEC);
+    assert(std::holds_alternative<CodeIdentity>(verifyCodeSignature(file)));
+    return file;
+  }();
+  const std::string input(data, data + size);
+  root.write("/app.codesign", input);
+  const auto result = verifyCodeSignature(executable);
+  if (const auto* signer = std::get_if<CodeIdentity>(&result)) {
+    assert(input.find(content) != std::string::npos);
+    assert(signer->identifier == "com.quorvane.app");
+    assert(signer->leafOrganizationalUnit == "X4TQ8RW2ZN");
+  }
+  const auto parsed = CodeSignatureContent::parse(input);
+  assert(!parsed || rendered(*parsed) == input);
+  return 0;
+}
