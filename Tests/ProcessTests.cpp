@@ -9,6 +9,7 @@
 #include <csignal>
 #include <thread>
 
+#include "Support/HwmonTree.h"
 #include "Support/RawChannel.h"
 #include "Support/SimulatedMac.h"
 
@@ -134,6 +135,16 @@ TEST_F(Processes, ProbeReadsAndWritesNothing) {
             "Fan 0: Ac=1350 Tg=1350 Mn=1350 Mx=5900 Md=0\n"
             "Fan 1: Ac=1400 Tg=1400 Mn=1400 Mx=6000 Md=0\n");
   EXPECT_EQ(mac.written() + mac.audited(), "");
+}
+
+TEST_F(Processes, FansThatTheKernelShowsGoBeforeTheSimulatedOnes) {
+  const std::string fan = plantHwmon(mac.root, "applesmc", false) + "fan2_";
+  EXPECT_TRUE(mac.sh("QuorvaneFanHelper --probe").ends_with("Tg=1400 Mn=1200 Mx=5900 Md=0\n"));
+  const auto daemon = mac.start();
+  EXPECT_EQ(mac.batch("write\tF1Md\t1\nwrite\tF1Tg\t12000\n"), "true\ntrue\n");
+  EXPECT_EQ(mac.root.read(fan + "output") + mac.root.read(fan + "manual"), "59001");
+  EXPECT_EQ(stop(*daemon, SIGTERM), 0);
+  EXPECT_EQ(mac.root.read(fan + "manual") + mac.written(), "0");
 }
 
 // fanctl under other signatures: each is cut off before any operation.

@@ -1,7 +1,10 @@
-// The drivers of a Linux machine, in the order in which they are offered: for now the simulated SMC
-// alone, when its file is there.
+// The drivers of a Linux machine: the fans that the kernel shows, else the simulated SMC when its
+// file is there.
 #include <unistd.h>
 
+#include <functional>
+
+#include "Platform/Linux/Drivers/HwmonSMC.h"
 #include "Platform/Linux/Drivers/SMCFile.h"
 #include "Platform/Linux/Drivers/SimulatedSMC.h"
 #include "Platform/Linux/IOKitRegistry.h"
@@ -18,11 +21,11 @@ Service decoy() {
           [](std::uint32_t, std::unique_ptr<UserClient>&) { return kIOReturnNotPrivileged; }};
 }
 
-Service keysEndpoint(const std::string& smcFile) {
+Service keysEndpoint(const std::function<std::unique_ptr<UserClient>()>& makeClient) {
   return {smcClass, "AppleSMCKeysEndpoint",
-          [smcFile](std::uint32_t type, std::unique_ptr<UserClient>& client) {
+          [makeClient](std::uint32_t type, std::unique_ptr<UserClient>& client) {
             if (type != 0) return kIOReturnBadArgument;
-            client = std::make_unique<simulation::SimulatedSMC>(smcFile);
+            client = makeClient();
             return KERN_SUCCESS;
           }};
 }
@@ -30,9 +33,14 @@ Service keysEndpoint(const std::string& smcFile) {
 }  // namespace
 
 std::vector<Service> publishedServices() {
+  if (hwmon::findDevice()) {
+    return {decoy(),
+            keysEndpoint([] { return std::make_unique<hwmon::HwmonSMC>(hwmon::findDevice); })};
+  }
   const std::string smcFile = systemPath(simulation::smcPath);
   if (access(smcFile.c_str(), F_OK) != 0) return {};
-  return {decoy(), keysEndpoint(smcFile)};
+  return {decoy(),
+          keysEndpoint([smcFile] { return std::make_unique<simulation::SimulatedSMC>(smcFile); })};
 }
 
 }  // namespace quorvane::iokit

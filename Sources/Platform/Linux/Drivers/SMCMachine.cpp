@@ -40,21 +40,6 @@ bool isActualSpeed(const Key& key) {
   return key.code == sibling(key.code, "Ac") && hasSpeedType(key);
 }
 
-/// REQUIRES: the key has a speed type.
-std::optional<double> decodeSpeed(const Key& key, const Data& data) {
-  if (key.type == typeFpe2) return (data[0] * 256 + data[1]) / 4.0;
-  const auto value = load<float>(data);
-  return std::isfinite(value) ? std::optional<double>(value) : std::nullopt;
-}
-
-/// REQUIRES: the key has a speed type, and the speed is within the range of a float.
-Data encodeSpeed(const Key& key, double speed) {
-  if (key.type == typeFlt) return store(static_cast<float>(speed));
-  const auto quarters =
-      static_cast<std::uint16_t>(std::lround(std::clamp(speed * 4, 0.0, 65535.0)));
-  return {static_cast<std::uint8_t>(quarters >> 8), static_cast<std::uint8_t>(quarters & 0xFF)};
-}
-
 double loadActual(const Data& data) {
   const auto speed = load<double>(data);
   // The bytes come from a file, in which anything may stand. NaN fails the comparison, too.
@@ -100,19 +85,19 @@ nanoseconds bootTime() {
 }
 
 SMCMachine SMCMachine::fresh(unsigned fanCount, FourCharCode speedType) {
-  constexpr std::uint8_t readOnly = attributeReadable;
-  constexpr std::uint8_t readWrite = attributeReadable | attributeWritable;
+  constexpr std::uint8_t readOnly = smc::attributeReadable;
+  constexpr std::uint8_t readWrite = smc::attributeReadable | smc::attributeWritable;
   SMCMachine machine;
   auto slot = machine.slots.begin();
   const auto addByte = [&slot](FourCharCode code, std::uint8_t attributes, std::uint8_t value) {
-    *slot = {.code = code, .size = 1, .type = typeUi8, .attributes = attributes};
+    *slot = {.code = code, .size = 1, .type = smc::typeUi8, .attributes = attributes};
     slot->data[0] = value;
     ++slot;
   };
   const auto addSpeed = [&](FourCharCode code, std::uint8_t attributes, double speed) {
     const std::uint32_t size = speedType == typeFlt ? 4 : 2;
     *slot = {.code = code, .size = size, .type = speedType, .attributes = attributes};
-    slot->data = isActualSpeed(*slot) ? store(speed) : encodeSpeed(*slot, speed);
+    slot->data = isActualSpeed(*slot) ? store(speed) : smc::encodeSpeed(speedType, speed);
     ++slot;
   };
   addByte(fourCharCode("FNum"), readOnly, static_cast<std::uint8_t>(fanCount));
@@ -139,12 +124,12 @@ Key* SMCMachine::find(FourCharCode code) {
 }
 
 Data SMCMachine::value(const Key& key, nanoseconds now) const {
-  return isActualSpeed(key) ? encodeSpeed(key, actual(key, now)) : key.data;
+  return isActualSpeed(key) ? smc::encodeSpeed(key.type, actual(key, now)) : key.data;
 }
 
 void SMCMachine::setValue(Key& key, const Data& value, nanoseconds now) {
   settle(now);
-  key.data = isActualSpeed(key) ? store(decodeSpeed(key, value).value_or(0)) : value;
+  key.data = isActualSpeed(key) ? store(smc::decodeSpeed(key.type, value).value_or(0)) : value;
 }
 
 void SMCMachine::remove(Key& key, nanoseconds now) {
@@ -155,7 +140,7 @@ void SMCMachine::remove(Key& key, nanoseconds now) {
 std::optional<double> SMCMachine::speed(FourCharCode code, nanoseconds now) const {
   const Key* key = find(code);
   if (key == nullptr || !hasSpeedType(*key)) return std::nullopt;
-  return decodeSpeed(*key, value(*key, now));
+  return smc::decodeSpeed(key->type, value(*key, now));
 }
 
 double SMCMachine::goal(FourCharCode fanKey) const {

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <array>
-#include <bit>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -12,35 +11,22 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/Linux/Drivers/SMCCall.h"
+
 namespace quorvane::simulation {
 
-/// A key or type name as a number, its first character in the most significant byte. Of a longer
-/// name the last four count: the keys of fan 10 ("F10Ac") are those of the name "10Ac".
-using FourCharCode = std::uint32_t;
-
-constexpr FourCharCode fourCharCode(std::string_view name) {
-  FourCharCode code = 0;
-  for (const char c : name) code = (code << 8) | static_cast<std::uint8_t>(c);
-  return code;
-}
+using smc::Data;
+using smc::dataSizeMax;
+using smc::FourCharCode;
+using smc::fourCharCode;
+using smc::typeFlt;
+using smc::typeFpe2;
 
 /// The four characters; one that shows nothing on paper, blanks included, as `\xNN`.
 std::string printable(FourCharCode code);
 
 /// Two lower-case digits a byte.
 std::string hex(const std::uint8_t* bytes, std::size_t count);
-
-inline constexpr FourCharCode typeFlt = fourCharCode("flt ");   // IEEE single, little-endian
-inline constexpr FourCharCode typeFpe2 = fourCharCode("fpe2");  // quarters, 16 bits, big-endian
-inline constexpr FourCharCode typeUi8 = fourCharCode("ui8 ");
-
-/// The attribute bits that the simulation looks at, by our choice; a key with both has 192.
-inline constexpr std::uint8_t attributeReadable = 0x80;
-inline constexpr std::uint8_t attributeWritable = 0x40;
-
-/// As many as a record of the driver carries; no key here has more.
-inline constexpr std::size_t dataSizeMax = 32;
-using Data = std::array<std::uint8_t, dataSizeMax>;
 
 /// What reads and writes of a key answer instead of being done.
 enum class Failure : std::uint8_t { none, result, call };
@@ -58,7 +44,7 @@ struct Key {
   /// time lose nothing to the key's own format.
   Data data{};
 };
-static_assert(sizeof(Key) == 52 && std::endian::native == std::endian::little);
+static_assert(sizeof(Key) == 52);
 
 class SMCMachine {
  public:

@@ -1,0 +1,121 @@
+#include "Platform/Linux/Drivers/HwmonDevice.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <charconv>
+#include <filesystem>
+#include <map>
+#include <system_error>
+
+#include "Platform/SystemPath.h"
+
+namespace quorvane::hwmon {
+namespace {
+
+constexpr std::string_view classFolder = "/sys/class/hwmon";
+constexpr std::string_view entryPrefix = "hwmon";
+
+/// More than the longest text that is of use here, a device's name; the kernel allows a page.
+constexpr std::size_t textSizeMax = 64;
+
+template <typename Call>
+auto untilUninterrupted(Call call) {
+  while (true) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
+
+class OpenFolder final : public Folder {
+ public:
+  explicit OpenFolder(int openDescriptor) : descriptor(openDescriptor) {}
+  ~OpenFolder() override { close(descriptor); }
+  OpenFolder(const OpenFolder&) = delete;
+  OpenFolder& operator=(const OpenFolder&) = delete;
+
+  [[nodiscard]] bool has(const std::string& file) const override {
+    return faccessat(descriptor, file.c_str(), F_OK, 0) == 0;
+  }
+
+  [[nodiscard]] Text read(const std::string& file) const override {
+    const int opened = open(file, O_RDONLY);
+    if (opened < 0) return {errno, {}};
+    std::array<char, textSizeMax + 1> buffer{};
+    const ssize_t count =
+        untilUninterrupted([&] { return ::read(opened, buffer.data(), buffer.size()); });
+    const int error = count < 0 ? errno : 0;
+    close(opened);
+    if (error != 0) return {error, {}};
+    std::string text(buffer.data(), static_cast<std::size_t>(count));
+    if (text.size() > textSizeMax) return {EFBIG, {}};
+    if (text.ends_with('\n')) text.pop_back();
+    return {0, std::move(text)};
+  }
+
+  int write(const std::string& file, std::string_view text) override {
+    const int opened = open(file, O_WRONLY | O_TRUNC);
+    if (opened < 0) return errno;
+    const ssize_t count =
+        untilUninterrupted([&] { return ::write(opened, text.data(), text.size()); });
+    const int error = count < 0 ? errno : 0;
+    close(opened);
+    if (error != 0) return error;
+    // To the driver, what one call brings is the whole value.
+    return count == static_cast<ssize_t>(text.size()) ? 0 : EIO;
+  }
+
+ private:
+  [[nodiscard]] int open(const std::string& file, int flags) const {
+    return untilUninterrupted([&] { return openat(descriptor, file.c_str(), flags | O_CLOEXEC); });
+  }
+
+  const int descriptor;
+};
+
+std::unique_ptr<Folder> openFolder(const std::string& path) {
+  const int descriptor = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return nullptr;
+  return std::make_unique<OpenFolder>(descriptor);
+}
+
+/// The device whose entry of the class that is, when it is one of ours.
+std::optional<Device> identify(const std::string& entry) {
+  Device candidate{&macsmc, openFolder(entry)};
+  // applesmc registers the kernel's older way: no name in the entry, all files with the device.
+  if (candidate.folder != nullptr && !candidate.folder->has("name")) {
+    candidate = {&applesmc, openFolder(entry + "/device")};
+  }
+  if (candidate.folder == nullptr || !candidate.isPresent()) return std::nullopt;
+  return candidate;
+}
+
+/// "hwmon" and a number.
+std::optional<unsigned> entryNumber(std::string_view name) {
+  if (!name.starts_with(entryPrefix)) return std::nullopt;
+  name.remove_prefix(entryPrefix.size());
+  unsigned number = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+  if (error != std::errc() || end != name.data() + name.size()) return std::nullopt;
+  return number;
+}
+
+}  // namespace
+
+std::optional<Device> findDevice() {
+  std::map<unsigned, std::string> entries;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(systemPath(classFolder), error), end;
+       !error && entry != end; entry.increment(error)) {
+    const auto number = entryNumber(entry->path().filename().native());
+    if (number) entries.emplace(*number, entry->path().native());
+  }
+  for (const auto& [number, path] : entries) {
+    if (auto device = identify(path)) return device;
+  }
+  return std::nullopt;
+}
+
+}  // namespace quorvane::hwmon

@@ -1,0 +1,211 @@
+#include "Platform/Linux/Drivers/HwmonSMC.h"
+
+#include <errno.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+namespace quorvane::hwmon {
+namespace {
+
+using smc::Answer;
+using smc::Command;
+using smc::fourCharCode;
+using smc::Record;
+
+// SMC results beyond those that all drivers share.
+constexpr std::uint8_t resultOther = 1;
+constexpr std::uint8_t resultInvalid = 137;
+constexpr std::uint8_t resultTimeout = 183;
+
+/// What a failed access to a file is answered with; `denied` when it was not allowed.
+Answer withError(int error, std::uint8_t denied) {
+  switch (error) {
+    case 0:
+      return {};
+    case ENODEV:
+      return smc::withStatus(kIOReturnNoDevice);
+    case ENOENT:
+      return smc::withResult(smc::resultKeyMissing);
+    case EACCES:
+    case EPERM:
+    case EOPNOTSUPP:
+      return smc::withResult(denied);
+    case EINVAL:
+      return smc::withResult(resultInvalid);
+    case ETIMEDOUT:
+      return smc::withResult(resultTimeout);
+    default:
+      return smc::withResult(resultOther);
+  }
+}
+
+std::string fileOf(unsigned fan, std::string_view attribute) {
+  return "fan" + std::to_string(fan + 1) + "_" + std::string(attribute);
+}
+
+enum class Kind : std::uint8_t { fanCount, speed, mode };
+
+}  // namespace
+
+struct HwmonSMC::Key {
+  Kind kind = Kind::fanCount;
+  unsigned fan = 0;
+  /// What it is read from and written to.
+  std::string file;
+  smc::KeyInfo info;
+};
+
+struct HwmonSMC::Number {
+  int error = 0;
+  std::uint32_t value = 0;  // 0 after an error
+};
+
+struct HwmonSMC::Limits {
+  int error = 0;
+  std::uint32_t low = 0;
+  std::uint32_t high = 0;
+};
+
+kern_return_t HwmonSMC::callStructMethod(std::uint32_t selector, const void* input,
+                                         std::size_t inputSize, void* output,
+                                         std::size_t* outputSize) {
+  const auto request = smc::receive(selector, input, inputSize, output, outputSize);
+  if (!request) return kIOReturnBadArgument;
+  if (!hasDevice()) return kIOReturnNoDevice;
+  return smc::send(serve(*request), output, outputSize);
+}
+
+/// A driver that was loaded again starts with flags of its own, whatever the SMC's modes are.
+bool HwmonSMC::hasDevice() {
+  if (device && device->isPresent()) return true;
+  device = find();
+  handedBack.reset();
+  return device.has_value();
+}
+
+Answer HwmonSMC::serve(const Record& request) {
+  const std::optional<Key> key = keyOf(request.key);
+  if (!key) return smc::withResult(smc::resultKeyMissing);
+  if (request.command == Command::info) return smc::withInfo(key->info);
+  if (const std::uint8_t refused = smc::refusal(request, key->info); refused != 0) {
+    return smc::withResult(refused);
+  }
+  return request.command == Command::read ? read(*key) : write(*key, request.data);
+}
+
+unsigned HwmonSMC::fanCount() const {
+  unsigned count = 0;
+  while (count < fanCountMax && device->folder->has(fileOf(count, "input"))) ++count;
+  return count;
+}
+
+std::optional<HwmonSMC::Key> HwmonSMC::keyOf(smc::FourCharCode code) const {
+  constexpr std::uint8_t readOnly = smc::attributeReadable;
+  constexpr std::uint8_t writeOnly = smc::attributeWritable;
+  if (code == fourCharCode("FNum")) return Key{Kind::fanCount, 0, {}, smc::byteInfo(readOnly)};
+
+  const std::uint32_t fan = (code >> 16 & 0xFF) - '0';  // below '0' it wraps, and is no fan
+  if (code >> 24 != 'F' || fan >= fanCount()) return std::nullopt;
+  const Interface& driver = *device->interface;
+  const auto key = [&](Kind kind, std::string_view attribute, const smc::KeyInfo& info) {
+    Key found{kind, fan, fileOf(fan, attribute), info};
+    return device->folder->has(found.file) ? std::optional(std::move(found)) : std::nullopt;
+  };
+  const smc::KeyInfo reading = smc::speedInfo(driver.speedType, readOnly);
+  switch (code & 0xFFFF) {
+    case fourCharCode("Ac"):
+      return key(Kind::speed, "input", reading);
+    case fourCharCode("Mn"):
+      return key(Kind::speed, "min", reading);
+    case fourCharCode("Mx"):
+      return key(Kind::speed, "max", reading);
+    case fourCharCode("Tg"):
+      return key(Kind::speed, driver.target,
+                 smc::speedInfo(driver.speedType, readOnly | writeOnly));
+    case fourCharCode("Md"):
+      return driver.mode.empty()
+                 ? key(Kind::mode, driver.target, smc::byteInfo(writeOnly))
+                 : key(Kind::mode, driver.mode, smc::byteInfo(readOnly | writeOnly));
+    default:
+      return std::nullopt;
+  }
+}
+
+Answer HwmonSMC::read(const Key& key) const {
+  if (key.kind == Kind::fanCount) return smc::withData({static_cast<std::uint8_t>(fanCount())});
+  const Number found = number(key.file);
+  if (found.error != 0) return withError(found.error, smc::resultNotReadable);
+  if (key.kind == Kind::speed) return smc::withData(smc::encodeSpeed(key.info.type, found.value));
+  if (found.value > 1) return smc::withResult(resultOther);
+  return smc::withData({static_cast<std::uint8_t>(found.value)});
+}
+
+Answer HwmonSMC::write(const Key& key, const smc::Data& data) {
+  if (key.kind == Kind::mode) {
+    return withError(writeMode(key.fan, data[0]), smc::resultNotWritable);
+  }
+  const std::optional<double> rpm = smc::decodeSpeed(key.info.type, data);
+  return withError(rpm ? writeTarget(key.fan, *rpm) : EINVAL, smc::resultNotWritable);
+}
+
+HwmonSMC::Number HwmonSMC::number(const std::string& file) const {
+  const Text content = device->folder->read(file);
+  if (content.error != 0) return {content.error, 0};
+  const char* const end = content.text.data() + content.text.size();
+  std::uint32_t value = 0;
+  const auto [rest, error] = std::from_chars(content.text.data(), end, value);
+  if (error != std::errc() || rest != end) return {EBADMSG, 0};
+  return {0, value};
+}
+
+HwmonSMC::Limits HwmonSMC::limits(unsigned fan) const {
+  const Number low = number(fileOf(fan, "min"));
+  if (low.error != 0) return {low.error, 0, 0};
+  const Number high = number(fileOf(fan, "max"));
+  if (high.error != 0) return {high.error, 0, 0};
+  return {low.value <= high.value ? 0 : ERANGE, low.value, high.value};
+}
+
+int HwmonSMC::writeMode(unsigned fan, unsigned mode) {
+  if (mode > 1) return EINVAL;
+  const Interface& driver = *device->interface;
+  if (!driver.mode.empty()) {
+    return device->folder->write(fileOf(fan, driver.mode), std::to_string(mode));
+  }
+  if (mode == 0) return handBack(fan);
+  const Number current = number(fileOf(fan, driver.target));
+  return current.error != 0 ? current.error : writeTarget(fan, current.value);
+}
+
+int HwmonSMC::writeTarget(unsigned fan, double rpm) {
+  const Limits allowed = limits(fan);
+  if (allowed.error != 0) return allowed.error;
+  const Interface& driver = *device->interface;
+  if (driver.mode.empty() && allowed.low == 0) return EINVAL;
+  const double target = std::clamp<double>(rpm, allowed.low, allowed.high);
+  return device->folder->write(fileOf(fan, driver.target), std::to_string(std::lround(target)));
+}
+
+/// The driver leaves manual mode only if its own flag says manual. The flag starts as automatic,
+/// whatever the SMC's mode is, so the first release has to set it: by a target, the present one.
+int HwmonSMC::handBack(unsigned fan) {
+  const Number low = number(fileOf(fan, "min"));
+  if (low.error == 0 && low.value == 0) return EINVAL;
+  const std::string target = fileOf(fan, device->interface->target);
+  const auto leave = [&] { return device->folder->write(target, "0"); };
+  if (handedBack[fan]) return leave();
+
+  const int entered = writeTarget(fan, number(target).value);
+  int left = leave();
+  // A fan that was automatic is forced now, and by us: one failure must not leave it so.
+  if (left != 0) left = leave();
+  if (entered == 0 && left == 0) handedBack.set(fan);
+  return entered != 0 ? entered : left;
+}
+
+}  // namespace quorvane::hwmon

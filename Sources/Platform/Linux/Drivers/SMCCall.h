@@ -1,0 +1,108 @@
+// The struct call of the AppleSMC driver, as every driver here answers it: 80-byte records in and
+// out at selector 2, naming keys and types by codes. Plain values and pure functions, for any
+// thread.
+#pragma once
+
+#include <IOKit/IOKitLib.h>
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace quorvane::smc {
+
+/// A key or type name as a number, its first character in the most significant byte. Of a longer
+/// name the last four count: the keys of fan 10 ("F10Ac") are those of the name "10Ac".
+using FourCharCode = std::uint32_t;
+
+constexpr FourCharCode fourCharCode(std::string_view name) {
+  FourCharCode code = 0;
+  for (const char c : name) code = (code << 8) | static_cast<std::uint8_t>(c);
+  return code;
+}
+
+inline constexpr FourCharCode typeFlt = fourCharCode("flt ");   // IEEE single, little-endian
+inline constexpr FourCharCode typeFpe2 = fourCharCode("fpe2");  // quarters, 16 bits, big-endian
+inline constexpr FourCharCode typeUi8 = fourCharCode("ui8 ");
+
+/// The attribute bits that the drivers look at, by our choice; a key with both has 192.
+inline constexpr std::uint8_t attributeReadable = 0x80;
+inline constexpr std::uint8_t attributeWritable = 0x40;
+
+/// As many as a record carries; no key here has more.
+inline constexpr std::size_t dataSizeMax = 32;
+using Data = std::array<std::uint8_t, dataSizeMax>;
+
+struct KeyInfo {
+  std::uint32_t size = 0;
+  FourCharCode type = 0;
+  std::uint8_t attributes = 0;
+};
+
+constexpr KeyInfo byteInfo(std::uint8_t attributes) {
+  return {1, typeUi8, attributes};
+}
+/// `type` is typeFlt or typeFpe2.
+constexpr KeyInfo speedInfo(FourCharCode type, std::uint8_t attributes) {
+  return {type == typeFlt ? 4U : 2U, type, attributes};
+}
+
+/// The speed in a key's bytes; nothing when it is not finite. `type` is typeFlt or typeFpe2.
+std::optional<double> decodeSpeed(FourCharCode type, const Data& data);
+/// REQUIRES: the speed is within the range of a float. typeFpe2 saturates.
+Data encodeSpeed(FourCharCode type, double speed);
+
+enum class Command : std::uint8_t { read = 5, write = 6, info = 9 };
+
+// SMC results, as hardware answers; resultMismatch is our choice. 0 is success.
+inline constexpr std::uint8_t resultKeyMissing = 132;
+inline constexpr std::uint8_t resultNotReadable = 133;
+inline constexpr std::uint8_t resultNotWritable = 134;
+inline constexpr std::uint8_t resultMismatch = 135;
+
+/// The parameter record. What is unused here is ignored in a request and zero in a reply.
+struct Record {
+  FourCharCode key = 0;
+  std::array<std::uint8_t, 24> unused1{};
+  std::uint32_t size = 0;
+  FourCharCode type = 0;
+  std::uint8_t attributes = 0;
+  std::array<std::uint8_t, 3> unused2{};
+  std::uint8_t result = 0;
+  std::uint8_t unused3 = 0;
+  Command command{};
+  std::array<std::uint8_t, 5> unused4{};
+  Data data{};
+};
+static_assert(sizeof(Record) == 80 && std::endian::native == std::endian::little);
+
+/// What a call returns, and the record that goes with KERN_SUCCESS.
+struct Answer {
+  kern_return_t status = KERN_SUCCESS;
+  Record reply;
+
+  [[nodiscard]] bool isSuccess() const { return status == KERN_SUCCESS && reply.result == 0; }
+};
+
+Answer withStatus(kern_return_t status);
+Answer withResult(std::uint8_t result);
+Answer withInfo(const KeyInfo& info);
+Answer withData(const Data& data);
+
+/// Why a read or write is refused of the key that is described so: quoted with another size or
+/// type, or not of the attributes. 0 when it is not.
+std::uint8_t refusal(const Record& request, const KeyInfo& key);
+
+/// The record of a struct call; nothing, for which kIOReturnBadArgument is the answer, when
+/// selector, sizes or command are not the driver's. The arguments are those of
+/// iokit::UserClient::callStructMethod.
+std::optional<Record> receive(std::uint32_t selector, const void* input, std::size_t inputSize,
+                              const void* output, const std::size_t* outputSize);
+
+/// Hands the answer to the caller, whose room receive() has seen; yields what the call returns.
+kern_return_t send(const Answer& answer, void* output, std::size_t* outputSize);
+
+}  // namespace quorvane::smc
