@@ -116,9 +116,9 @@ TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {
   EXPECT_EQ(ask(write, "F0Tg", apple, 1e30) + ask(write, "F0Tg", apple, -1e30), 0);
   EXPECT_EQ(ask(write, "F0Tg", apple, NAN), 137);
   EXPECT_TRUE(KernelFolder::written.ends_with(" fan1_target=5900 fan1_target=1200 "));
-  root.write(folder + "fan1_min", "0");  // which makes 0 a speed
-  EXPECT_EQ(setMode(0), "137 manual");
-  EXPECT_EQ(setMode(1), "137 manual");
+  root.write(folder + "fan1_min", "0");
+  EXPECT_EQ(ask(write, "F0Tg", apple, 0.25), 137) << "would hand back, not stop";
+  EXPECT_EQ(setMode(0), "0 fan1_target=0 automatic");
 }
 
 }  // namespace

@@ -186,16 +186,15 @@ int HwmonSMC::writeTarget(unsigned fan, double rpm) {
   const Limits allowed = limits(fan);
   if (allowed.error != 0) return allowed.error;
   const Interface& driver = *device->interface;
-  if (driver.mode.empty() && allowed.low == 0) return EINVAL;
-  const double target = std::clamp<double>(rpm, allowed.low, allowed.high);
-  return device->folder->write(fileOf(fan, driver.target), std::to_string(std::lround(target)));
+  const long target = std::lround(std::clamp<double>(rpm, allowed.low, allowed.high));
+  // There a 0 would hand the fan back, and not stop it.
+  if (driver.mode.empty() && target == 0) return EINVAL;
+  return device->folder->write(fileOf(fan, driver.target), std::to_string(target));
 }
 
 /// The driver leaves manual mode only if its own flag says manual. The flag starts as automatic,
 /// whatever the SMC's mode is, so the first release has to set it: by a target, the present one.
 int HwmonSMC::handBack(unsigned fan) {
-  const Number low = number(fileOf(fan, "min"));
-  if (low.error == 0 && low.value == 0) return EINVAL;
   const std::string target = fileOf(fan, device->interface->target);
   const auto leave = [&] { return device->folder->write(target, "0"); };
   if (handedBack[fan]) return leave();

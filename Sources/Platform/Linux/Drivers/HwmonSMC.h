@@ -12,8 +12,8 @@
 // cannot be read or contradict each other.
 //
 // macsmc_hwmon has no mode file: the mode is written through the target, cannot be read (133), and
-// each fan's first release is made sure of. A fan whose minimum is 0 is left alone there (137): the
-// 0 that hands it back could as well stop it.
+// each fan's first release is made sure of. A target that comes to 0 is refused there (137): it
+// would hand the fan back, not stop it.
 #pragma once
 
 #include <bitset>
