@@ -1,6 +1,8 @@
 // The real daemon, client and probe on a simulated machine, with signals and kills.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -106,6 +108,41 @@ TEST_F(Processes, ACrashEndsInABaselineAtTheNextStart) {
   EXPECT_TRUE(mac.written().ends_with("F0Md=01 F1Md=01 "));
   const auto daemon = mac.start();
   EXPECT_TRUE(mac.written().ends_with("F0Md=01 F1Md=01 " + baseline));
+}
+
+TEST_F(Processes, TheServiceManagerIsToldAndNeverWaitedFor) {
+  for (const std::string prefix : {"", "@"}) {
+    const std::string name = prefix + mac.root.path("/notify");
+    sockaddr_un address{AF_UNIX, {}};
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (!prefix.empty()) address.sun_path[0] = '\0';
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    const auto* const place = reinterpret_cast<const sockaddr*>(&address);
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(manager, place, length), 0);
+    const auto told = [manager] {
+      std::string state(64, '\0');
+      state.resize(
+          static_cast<std::size_t>(std::max<ssize_t>(0, recv(manager, state.data(), 64, 0))));
+      return state;
+    };
+    setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    Process daemon("QuorvaneFanHelper");
+    EXPECT_EQ(told(), "READY=1");
+    EXPECT_TRUE(mac.written().ends_with(baseline));
+    EXPECT_EQ(mac.sh("fanctl ping").front(), '0');
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(told(), "STOPPING=1");
+    EXPECT_EQ(daemon.wait(), 0);
+    // Until it has no room left; one sender's own room may not be enough for that.
+    for (int sender = 0; sender < 16; ++sender) {
+      const int filling = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+      while (sendto(filling, "", 1, MSG_DONTWAIT, place, length) == 1) continue;
+      close(filling);
+    }
+    EXPECT_EQ(stop(*mac.start(), SIGTERM), 0);
+    close(manager);
+  }
 }
 
 TEST_F(Processes, WithoutAnSMCItServesAndEndsAsUsual) {

@@ -37,6 +37,7 @@ constexpr const char* help =
        smcsim fail KEY result N  let its reads and writes answer SMC result N (1 to 255),
        smcsim fail KEY call N    or fail with kernel return code N,
        smcsim fail KEY clear     or work again
+       smcsim --help | --version
 
 The machine is the file /var/lib/quorvane/smc under the folder named by QUORVANE_ROOT, if set.
 A machine has 0 to 16 fans; without options 2, with speeds of type flt.
@@ -242,6 +243,10 @@ int run(const Arguments& arguments) {
   for (const std::string_view argument : arguments) {
     if (argument != "--help" && argument != "-h") continue;
     std::printf("%s", help);
+    return exitDone;
+  }
+  if (arguments.size() == 1 && arguments[0] == "--version") {
+    std::printf("smcsim " QUORVANE_VERSION "\n");
     return exitDone;
   }
   const Arguments rest(arguments.begin() + 1, arguments.end());

@@ -11,6 +11,7 @@
 #include <cerrno>
 
 #include "Platform/Linux/DetachedThread.h"
+#include "Platform/Linux/ServiceManager.h"
 
 namespace quorvane::dispatch {
 namespace {
@@ -19,6 +20,11 @@ namespace {
 int required(int result, const char* otherwise) {
   if (result < 0) fatal(otherwise, errno);
   return result;
+}
+
+/// A process with a source for one of these ends by it all the same, but in its own way.
+bool asksToEnd(int signal) {
+  return signal == SIGTERM || signal == SIGINT;
 }
 
 }  // namespace
@@ -132,7 +138,10 @@ void EventLoop::fireSignals() {
   signalfd_siginfo delivery{};
   while (read(signals, &delivery, sizeof delivery) == sizeof delivery) {
     for (EventSource* source : signalSources) {
-      if (static_cast<std::uint32_t>(source->signal) == delivery.ssi_signo) source->fire();
+      if (static_cast<std::uint32_t>(source->signal) != delivery.ssi_signo) continue;
+      // Ahead of the handler, behind which there may be no process any more.
+      if (asksToEnd(source->signal)) notifyServiceManager("STOPPING=1");
+      source->fire();
     }
   }
 }

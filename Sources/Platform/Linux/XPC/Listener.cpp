@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Platform/Linux/DetachedThread.h"
+#include "Platform/Linux/ServiceManager.h"
 #include "Platform/Linux/XPC/Connection.h"
 #include "Platform/Linux/XPC/Rendezvous.h"
 #include "Platform/XPC.h"
@@ -86,6 +87,7 @@ std::optional<std::string> Listener::resume() {
   }
   // It serves until the process ends, and is not freed then: its thread runs on through exit().
   static_cast<void>(acceptor.release());
+  notifyServiceManager("READY=1");
   return std::nullopt;
 }
 
