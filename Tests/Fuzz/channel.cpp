@@ -30,8 +30,14 @@ FanHelperService& service() {
   if (current && virtualdispatch::now() < std::chrono::hours(24 * 365)) return *current;
   virtualdispatch::reset();
   machine().setFanCount(3);
-  for (int fan = 0; fan < 3; ++fan) machine().addFan(fan, "flt ");
-  machine().failResults({"F2Tg", Operation::write}, 134);
+  for (const std::string fan : {"F0", "F1", "F2"}) {
+    machine().addKey(fan + "Tg", "flt ", 4, 0xC0);
+    machine().addKey(fan + "Md", "ui8 ", 1, 0xC0);
+  }
+  machine().fate = [](const ScriptedSMC::Call& call) {
+    const bool isRefused = call.key == "F2Tg" && call.operation == Operation::write;
+    return ScriptedSMC::Failure{.result = std::uint8_t(isRefused ? 134 : 0)};
+  };
   current = std::make_shared<FanHelperService>();
   current->startup();
   return *current;
@@ -92,8 +98,8 @@ void serve(std::string_view input) {
   virtualdispatch::advance(std::chrono::seconds(FanControlConstants::leaseSeconds));
   for (const Exchange& each : exchanges) assert(each.replies == (each.request ? 1 : 0));
   for (const auto& call : machine().takeCalls()) checkCall(call, exchanges);
-  for (const char* mode : {"F0Md", "F1Md", "F2Md"}) assert(machine().value(mode).front() == 0);
-  assert(virtualdispatch::armedTimers() == 0);
+  for (const char* mode : {"F0Md", "F1Md", "F2Md"}) assert(machine().keys.at(mode)[48] == 0);
+  assert(virtualdispatch::deadlines().empty());
 }
 
 }  // namespace

@@ -12,22 +12,26 @@ ScriptedSMC& machine() {
 struct ScriptedClient final : iokit::UserClient {
   kern_return_t callStructMethod(std::uint32_t, const void* input, std::size_t, void* output,
                                  std::size_t* outputSize) override {
-    ScriptedSMC::Record request, reply{};
-    std::copy_n(static_cast<const std::uint8_t*>(input), request.size(), request.begin());
-    const auto operation = static_cast<ScriptedSMC::Operation>(request[42]);
-    if (request[42] == 6 && machine().beforeWrite) machine().beforeWrite();
-    const std::string name(request.rend() - 4, request.rend());
-    machine().calls.push_back({operation, name, request});
-    const auto [status, result, replySize] = machine().failures[{name, operation}];
-    const auto key = machine().keys.find(name);
-    reply[40] = key == machine().keys.end() ? 132 : result;
-    if (status == KERN_SUCCESS && reply[40] == 0) {
-      if (request[42] == 6) std::copy_n(&request[48], 32, &key->second[48]);
-      reply = key->second;
-    }
-    std::copy(reply.begin(), reply.end(), static_cast<std::uint8_t*>(output));
-    *outputSize = replySize;
-    return status;
+    ScriptedSMC& smc = machine();
+    ScriptedSMC::Call call{};
+    std::copy_n(static_cast<const std::uint8_t*>(input), call.request.size(), &call.request[0]);
+    call.operation = static_cast<ScriptedSMC::Operation>(call.request[42]);
+    call.key.assign(call.request.rend() - 4, call.request.rend());
+    const auto failure = smc.fate ? smc.fate(call) : ScriptedSMC::Failure{};
+    const auto key = smc.keys.find(call.key);
+    const bool known = key != smc.keys.end();
+    call.status = failure.status;
+    call.replySize = failure.replySize;
+    call.reply[40] = known ? failure.result : 132;
+    const bool good = call.status == KERN_SUCCESS && call.reply[40] == 0;
+    call.applied = call.request[42] == 6 && known && (good || failure.applied);
+    if (call.applied) std::copy_n(&call.request[48], 32, &key->second[48]);
+    if (good) call.reply = key->second;
+    std::copy(call.reply.begin(), call.reply.end(), static_cast<std::uint8_t*>(output));
+    *outputSize = call.replySize;
+    smc.calls.push_back(call);
+    if (smc.ended) smc.ended(call);
+    return call.status;
   }
 };
 

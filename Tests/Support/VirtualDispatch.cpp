@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
+#include <iterator>
 #include <list>
 #include <map>
 
@@ -25,6 +26,7 @@ struct VirtualQueue final : dispatch_queue_main_s {
 
   std::list<std::function<void()>> blocks;
   int holds = 0;  // its suspension, and the block that it runs
+  bool released = false;
 };
 
 struct VirtualSource final : dispatch_source_s {
@@ -32,16 +34,21 @@ struct VirtualSource final : dispatch_source_s {
   void fire() {
     queue.blocks.emplace_back([this] { handler(context); });
   }
+  void finalize() {
+    finalizer(context);
+    finalized = true;
+  }
 
   VirtualQueue& queue;
   const int signal;  // 0 for a timer
   dispatch_function_t handler = nullptr;
   dispatch_function_t finalizer = nullptr;
   void* context = nullptr;
+  bool finalized = false;
 };
 
-/// Everything since a reset. None of it is freed but a source that was finalized, nor is what a
-/// block owns that never runs: that may be objects of the test, and they may still release theirs.
+/// Everything since a reset that is not released. What a block owns that never runs is not freed:
+/// that may be objects of the test, and they may still release theirs.
 struct World {
   World* previous = nullptr;  // reachable, so that no leak is reported
   uint64_t now = 0;
@@ -51,6 +58,15 @@ struct World {
 };
 World* world = new World;
 
+void freeReleased() {
+  world->sources.remove_if(std::mem_fn(&VirtualSource::finalized));
+  world->queues.remove_if([](const VirtualQueue& queue) {
+    const auto targets = [&queue](const VirtualSource& source) { return &source.queue == &queue; };
+    return queue.released && queue.holds == 0 && queue.blocks.empty() &&
+           std::ranges::none_of(world->sources, targets);
+  });
+}
+
 }  // namespace
 
 namespace quorvane::virtualdispatch {
@@ -58,6 +74,7 @@ namespace quorvane::virtualdispatch {
 void runUntilIdle() {
   while (std::ranges::any_of(world->queues, &VirtualQueue::runOne)) {
   }
+  freeReleased();
 }
 
 void advance(std::chrono::nanoseconds duration) {
@@ -87,12 +104,33 @@ void deliverSignal(int signal) {
   }
 }
 
-std::size_t armedTimers() {
-  return world->timers.size();
+std::vector<std::chrono::nanoseconds> deadlines() {
+  std::vector<std::chrono::nanoseconds> all;
+  for (const auto& [due, source] : world->timers) all.emplace_back(due);
+  return all;
+}
+
+void drain() {
+  const auto runsOne = [](VirtualQueue& queue) {
+    queue.holds = 0;
+    try {
+      return queue.runOne();
+    } catch (...) {
+      return true;
+    }
+  };
+  while (std::ranges::any_of(world->queues, runsOne)) {
+  }
+  freeReleased();
 }
 
 void reset() {
-  world = new World{.previous = world};
+  freeReleased();
+  World* const old = world;
+  const bool empty =
+      old->queues.size() == 1 && old->queues.front().blocks.empty() && old->sources.empty();
+  world = new World{.previous = empty ? old->previous : old};
+  if (empty) delete old;
 }
 
 }  // namespace quorvane::virtualdispatch
@@ -116,8 +154,15 @@ void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t
 void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
   auto& own = static_cast<VirtualQueue&>(*queue);
   dispatch_async_f(queue, context, work);
-  for (auto left = own.blocks.size(); left > 0; --left) {
-    if (!own.runOne()) std::abort();
+  const auto last = std::prev(own.blocks.end());
+  auto left = own.blocks.size();
+  try {
+    for (; left > 0; --left) {
+      if (!own.runOne()) std::abort();
+    }
+  } catch (...) {
+    if (left > 1) own.blocks.erase(last);  // its context goes with the caller
+    throw;
   }
 }
 
@@ -156,12 +201,10 @@ void dispatch_source_cancel(dispatch_source_t source) {
 }
 
 void dispatch_release(dispatch_object_t object) {
-  auto* source = dynamic_cast<VirtualSource*>(object);
-  if (source == nullptr) return;
-  source->queue.blocks.emplace_back([source] {
-    source->finalizer(source->context);
-    world->sources.remove_if([source](const auto& each) { return &each == source; });
-  });
+  if (auto* source = dynamic_cast<VirtualSource*>(object)) {
+    return source->queue.blocks.emplace_back([source] { source->finalize(); }), void();
+  }
+  static_cast<VirtualQueue*>(object)->released = true;
 }
 
 dispatch_time_t dispatch_time(dispatch_time_t when, int64_t delta) {

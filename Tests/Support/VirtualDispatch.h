@@ -6,7 +6,7 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
+#include <vector>
 
 namespace quorvane::virtualdispatch {
 
@@ -23,8 +23,12 @@ std::chrono::nanoseconds now();
 /// Puts the handlers of the signal's sources onto their queues.
 void deliverSignal(int signal);
 
-/// Timers that will still fire.
-std::size_t armedTimers();
+/// Of the timers that will still fire, in order.
+std::vector<std::chrono::nanoseconds> deadlines();
+
+/// The process is dead, or all but: runs what is queued, on suspended queues too, in order to free
+/// it. What a block throws only ends that block. The clock goes on.
+void drain();
 
 /// For the next test: time zero, nothing queued and no source that fires.
 void reset();

@@ -1,0 +1,268 @@
+#include "Simulation/Model.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace quorvane::simulation {
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes = ScriptedSMC::Bytes;
+using Record = ScriptedSMC::Record;
+
+struct Died {};
+
+/// The SMC knows a key by four bytes: the last ones of its name.
+std::string modeKey(int fan) {
+  const std::string name = "F" + std::to_string(fan) + "Md";
+  return name.substr(name.size() - 4);
+}
+
+/// Of the twenty keys that a client may write.
+std::optional<int> fanOfKey(const std::string& key) {
+  for (int fan = 0; fan < 10; ++fan) {
+    const std::string name = "F" + std::to_string(fan);
+    if (key == name + "Md" || key == name + "Tg") return fan;
+  }
+  return std::nullopt;
+}
+
+Record makeRequest(const std::string& key, std::uint8_t command) {
+  Record request{};
+  std::copy(key.rbegin(), key.rend(), request.begin());
+  request[42] = command;
+  return request;
+}
+
+std::string joined(const std::set<int>& fans, const char* separator) {
+  std::string list;
+  for (const int fan : fans) list += (list.empty() ? "" : separator) + std::to_string(fan);
+  return list;
+}
+
+}  // namespace
+
+std::string describe(const Record& request) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string text = request[42] == 5 ? "read " : request[42] == 6 ? "write " : "info ";
+  text.append(request.rend() - 4, request.rend()) += ' ';
+  for (const int at : {28, 32, 33, 34, 35, 36, 48, 49, 50, 51}) {
+    const std::uint8_t byte = request[static_cast<std::size_t>(at)];
+    text += {digits[byte >> 4], digits[byte & 15]};
+  }
+  return text;
+}
+
+void Model::start(bool smcOpens) {
+  known.clear(), forced.clear(), endPeriod();
+  isAlive = true;
+  smcOpen = smcOpens;
+  if (!smcOpen) log.emplace_back("error FanHelper: SMC open failed: notOpen");
+  line = {[this] {
+    restore("startup baseline");
+    const unsigned fans = fanCount().value_or(0);
+    audit("helper 1.0.0 started; model=Mac14,2 fans=" + std::to_string(fans));
+  }};
+  run(false);
+}
+
+void Model::submit(const Request& request) {
+  if (!isAlive) return;
+  if (request.kind == Request::Kind::ping) return reply(request, "ok 1.0.0");
+  line.emplace_back([this, request] {
+    if (request.kind == Request::Kind::write) return write(request);
+    if (request.kind == Request::Kind::status) return reply(request, statusReport());
+    restore("app requested");
+    reply(request, "true");
+  });
+}
+
+void Model::pass(Time span) {
+  now += span;
+  const bool leaseFirst = lease && cap && lease->due < cap->due;
+  for (const bool isLease : {leaseFirst, !leaseFirst}) {  // of equals the cap, which is older
+    if (isLease) comeDue(lease, "lease expired", "lease expired — fail-safe");
+    if (!isLease) comeDue(cap, "hard cap", "max manual duration reached — fail-safe");
+  }
+  if (lease && cap && lease->inLine && cap->inLine) ++coverage["both expiries in line"];
+}
+
+void Model::comeDue(std::optional<Timer>& timer, const std::string& reason,
+                    const std::string& text) {
+  if (!timer || timer->inLine || timer->due > now) return;
+  timer->inLine = true;
+  line.emplace_back([this, &timer, number = timer->number, reason, text] {
+    if (!timer || timer->number != number) return void(++coverage["expiry overtaken"]);
+    if (&timer == &lease) {
+      log.emplace_back("FanHelper: Fan lease expired — fail-safe restoring automatic");
+    }
+    audit(text);
+    restore(reason);
+  });
+}
+
+void Model::run(bool shutdown) {
+  if (shutdown) {
+    line.emplace_back([this] {
+      restore("shutdown");
+      isAlive = false;
+    });
+  }
+  try {
+    while (isAlive && !line.empty()) {
+      const auto turn = std::move(line.front());
+      line.pop_front();
+      turn();
+    }
+  } catch (const Died&) {
+    isAlive = false;
+  }
+  if (!seen.empty()) throw Mismatch{"nothing more", seen.front().text};
+}
+
+std::vector<Time> Model::deadlines() const {
+  std::vector<Time> all;
+  for (const auto& timer : {lease, cap}) {
+    if (isAlive && timer && !timer->inLine) all.push_back(timer->due);
+  }
+  std::ranges::sort(all);
+  return all;
+}
+
+void Model::write(const Request& request) {
+  const auto& [kind, key, value, isFloat, id] = request;
+  if (!smcOpen) return reply(request, "false SMC not open");
+  const auto fan = fanOfKey(key);
+  if (!fan) {
+    audit("REJECTED non-fan key " + key);
+    return reply(request, "false Refused: " + key + " is not a fan-control key");
+  }
+  const bool isTarget = key[2] == 'T';
+  if (isTarget && (value < 0 || value > 12000)) return reply(request, "false RPM out of range");
+  if (!isTarget && (isFloat || value < 0 || value > 1)) {
+    return reply(request, "false Bad mode value");
+  }
+  const Error error =
+      isTarget ? writeSpeed(key, value) : writeMode(key, static_cast<std::uint8_t>(value));
+  if (error) {
+    restore("write error");
+    return reply(request, "false " + *error);
+  }
+  if (isTarget || value == 1) {
+    forced.insert(*fan);
+    renew();
+  } else {
+    forced.erase(*fan);
+    if (forced.empty()) endPeriod();
+  }
+  audit("write " + key + "=" + std::to_string(value));
+  reply(request, "true");
+}
+
+std::string Model::statusReport() {
+  const std::string fans = std::to_string(fanCount().value_or(0));
+  return std::string("version=1.0.0;model=Mac14,2;smcOpen=") + (smcOpen ? "1" : "0") +
+         ";fanCount=" + fans + ";forcedFans=" + joined(forced, ",") + ";leaseSeconds=20;";
+}
+
+void Model::restore(const std::string& reason) {
+  if (!smcOpen) return;
+  ++coverage[reason];
+  std::multiset<std::string> owed;
+  for (const int fan : forced) owed.insert(modeKey(fan));
+  if (forced.empty()) {
+    const int count = std::max<int>(1, fanCount().value_or(0));
+    for (int fan = 0; fan < count; ++fan) owed.insert(modeKey(fan));
+  }
+  while (!owed.empty()) {  // in whatever order the helper likes
+    auto next = seen.empty() ? owed.end() : owed.find(seen.front().call.key);
+    if (next == owed.end()) next = owed.begin();
+    writeMode(owed.extract(next).value(), 0);
+  }
+  const std::string list = joined(forced, ", ");
+  if (!forced.empty()) audit("restore → automatic (" + reason + "); fans=[" + list + "]");
+  forced.clear();
+  endPeriod();
+}
+
+void Model::renew() {
+  lease = Timer{now + 20s, ++timersMade};
+  if (!cap) cap = Timer{now + 1800s, ++timersMade};
+}
+
+std::optional<std::uint8_t> Model::fanCount() {
+  const auto info = smcOpen ? keyInfo("FNum") : std::nullopt;
+  if (!info) return std::nullopt;
+  Record request = makeRequest("FNum", 5);
+  std::copy(info->begin(), info->end(), &request[28]);
+  const auto call = expectCall(request);
+  if (!isAnswer(call) || info->front() == 0) return std::nullopt;
+  return call.reply[48];
+}
+
+Model::Error Model::writeMode(const std::string& key, std::uint8_t mode) {
+  const auto info = keyInfo(key);
+  if (!info) return "keyMissing";
+  Bytes payload(info->front());
+  payload.back() = mode;
+  return send(key, *info, payload);
+}
+
+Model::Error Model::writeSpeed(const std::string& key, std::int64_t rpm) {
+  const auto info = keyInfo(key);
+  const std::string type = info ? std::string(info->rbegin() + 1, info->rend() - 4) : "";
+  const bool isFloat = type == "flt " && info->front() >= 4;
+  if (!isFloat && type != "fpe2") return "keyMissing";
+  const auto number = isFloat ? std::bit_cast<std::uint32_t>(static_cast<float>(rpm))
+                              : static_cast<std::uint32_t>(rpm * 4);
+  Bytes payload(isFloat ? 4 : 2);
+  for (std::size_t i = 0; i < payload.size(); ++i) {  // "fpe2" begins with the high byte
+    payload[i] = static_cast<std::uint8_t>(number >> (isFloat ? 8 * i : 8 - 8 * i));
+  }
+  return send(key, *info, payload);
+}
+
+Model::Error Model::send(const std::string& key, const Info& info, const Bytes& payload) {
+  Record request = makeRequest(key, 6);
+  std::copy(info.begin(), info.end(), &request[28]);
+  std::copy(payload.begin(), payload.end(), &request[48]);
+  const auto call = expectCall(request);
+  if (call.status != KERN_SUCCESS) return "callFailed(" + std::to_string(call.status) + ")";
+  if (call.reply[40] != 0) return "resultError(" + std::to_string(call.reply[40]) + ")";
+  return std::nullopt;
+}
+
+std::optional<Model::Info> Model::keyInfo(const std::string& key) {
+  if (const auto found = known.find(key); found != known.end()) return found->second;
+  const auto call = expectCall(makeRequest(key, 9));
+  if (!isAnswer(call)) return std::nullopt;
+  Info& info = known[key];
+  std::copy_n(&call.reply[28], info.size(), info.begin());
+  return info;
+}
+
+void Model::reply(const Request& request, const std::string& answer) {
+  expect("reply " + std::to_string(request.id) + " " + answer);
+}
+
+ScriptedSMC::Call Model::expectCall(const Record& request) {
+  const Deed deed = expect(describe(request));
+  require(deed.call.request == request, "zeros in the rest of the record", deed.text);
+  if (deed.call.applied) std::copy_n(&request[48], 32, &keys.at(deed.call.key)[48]);
+  pass(deed.took);
+  if (deed.died) throw Died{};
+  return deed.call;
+}
+
+Deed Model::expect(const std::string& text) {
+  if (seen.empty()) throw Mismatch{text, "nothing more"};
+  Deed deed = std::move(seen.front());
+  seen.pop_front();
+  // Of a line that the file system refuses only the attempt is seen.
+  const bool isUnread = deed.text == "audit" && (deed.died || !deed.recordable);
+  require(isUnread ? text.starts_with("audit ") : deed.text == text, text, deed.text);
+  if (deed.text == "audit" && deed.died) throw Died{};
+  return deed;
+}
+
+}  // namespace quorvane::simulation
