@@ -20,10 +20,10 @@ SigningIdentity::SigningIdentity(const CertificateOptions& options, const Signin
   for (const std::string& unit : options.organizationalUnits) subject += "/OU=" + unit;
   const std::string by = issuer ? "-CA $i/certificate -CAkey $i/key" : "-signkey key";
   shell("cd " + folder + " && i=" + (issuer ? issuer->folder : "") +
-        " && openssl req -new -config config -nodes -keyout key -newkey " + options.key +
-        " -subj " + subject + "/CN=${PWD##*/} 2>log | openssl x509 -req -out certificate " + by +
-        " -extfile config -extensions extensions -days " + std::to_string(options.days) +
-        " 2>>log && touch issuers");
+        " && openssl req -new -config config -nodes -keyout key -out csr -newkey " + options.key +
+        " -subj " + subject + "/CN=${PWD##*/} 2>log && openssl x509 -req -in csr " + by +
+        " -days " + std::to_string(options.days) +
+        " -out certificate -extfile config -extensions extensions" + " 2>>log && touch issuers");
   if (issuer) shell("cd " + issuer->folder + " && cat certificate issuers >" + folder + "/issuers");
 }
 

@@ -1,5 +1,7 @@
+#include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -20,11 +22,35 @@ namespace {
 /// not to burn a processor, short enough for a client that tries again.
 constexpr std::chrono::seconds exhaustionPause{1};
 
+/// What a connection holds at most: while its peer is looked at, and from then on.
+constexpr rlim_t descriptorsInAdmission = 6;
+constexpr rlim_t descriptorsAdmitted = 2;
+/// Kept from the peers, for the restore, its record and the log: twice of what they need at once.
+constexpr rlim_t descriptorsReserved = 8;
+
+/// How many descriptors peers may take. The kernel gives the lowest number that is free, so those
+/// in use before any peer comes are the listening socket's and the ones below.
+rlim_t descriptorsForPeers(int listening) {
+  rlimit limit{};
+  const rlim_t taken = static_cast<rlim_t>(listening) + 1 + descriptorsReserved;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < taken) return 0;
+  return limit.rlim_cur - taken;
+}
+
+/// As many places as half of the descriptors for peers suffice for, and no more than `most`.
+std::shared_ptr<Places> makePlaces(int listening, rlim_t descriptorsEach, int most) {
+  const rlim_t enough = descriptorsForPeers(listening) / 2 / descriptorsEach;
+  return std::make_shared<Places>(static_cast<int>(std::min(enough, static_cast<rlim_t>(most))));
+}
+
 /// Takes what connects and hands it to the delegate, on the listener's thread.
 class Acceptor {
  public:
   Acceptor(Descriptor listeningSocket, std::shared_ptr<ListenerDelegate> listenerDelegate)
-      : listening(std::move(listeningSocket)), delegate(std::move(listenerDelegate)) {}
+      : listening(std::move(listeningSocket)),
+        delegate(std::move(listenerDelegate)),
+        inAdmission(makePlaces(listening.get(), descriptorsInAdmission, maxConnectionsInAdmission)),
+        admitted(makePlaces(listening.get(), descriptorsAdmitted, maxAdmittedConnections)) {}
 
   void acceptNext() {
     Descriptor socket(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -46,8 +72,8 @@ class Acceptor {
 
   Descriptor listening;
   std::shared_ptr<ListenerDelegate> delegate;
-  std::shared_ptr<Places> inAdmission = std::make_shared<Places>(maxConnectionsInAdmission);
-  std::shared_ptr<Places> admitted = std::make_shared<Places>(maxAdmittedConnections);
+  std::shared_ptr<Places> inAdmission;
+  std::shared_ptr<Places> admitted;
 };
 
 void* runAcceptor(void* argument) {

@@ -1,0 +1,161 @@
+// Clients that mean ill or have bad luck, as processes against the real daemon: the unadmitted are
+// not served, and the admitted delay nobody.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
+
+#include "Support/RawChannel.h"
+#include "Support/SimulatedMac.h"
+
+namespace quorvane {
+namespace {
+
+const std::string expired = "lease expired — fail-safe\nrestore → automatic (lease expired); fans=";
+
+struct HostileClients : testing::Test {
+  HostileClients() { mac.install("hostile"); }
+
+  /// Lets a crowd force fan 0, in the place of the crowd that was there. How many were let in.
+  int replaceCrowd() {
+    crowd.reset();
+    mac.root.write("/crowd", "");
+    crowd = std::make_unique<Process>("hostile crowd >$QUORVANE_ROOT/crowd");
+    while (mac.root.read("/crowd").empty() || mac.modes() != "10") std::this_thread::yield();
+    return std::stoi(mac.root.read("/crowd"));
+  }
+
+  SimulatedMac mac;
+  std::unique_ptr<Process> crowd;
+};
+
+TEST_F(HostileClients, FloodsDelayNoPingAndEndWithTheRestore) {
+  int broken[2];
+  ASSERT_EQ(pipe(broken), 0);
+  close(broken[0]);
+  const std::string intoBroken = "QuorvaneFanHelper 2>&" + std::to_string(broken[1]);
+  const auto daemon = mac.start(intoBroken);
+  const Process first("hostile flood"), second("hostile flood");
+  mac.waitForWrites(100);
+  EXPECT_EQ(Process("hostile ping").stop(0), 0) << "every ping is answered";
+  EXPECT_EQ(mac.sh(intoBroken), "1:") << "a second daemon";
+  EXPECT_EQ(daemon->stop(SIGTERM), 0);
+  EXPECT_TRUE(mac.written().ends_with(" F0Md=00 "));
+  EXPECT_TRUE(mac.audited().ends_with("restore → automatic (shutdown); fans=[0]\n"));
+}
+
+// Both fans are forced. Then one client is killed, another stops while it waits for replies, a
+// third never reads any, and the wall clock is set back. Twenty real seconds.
+TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
+  const auto daemon = mac.start("UnluckyHelper");
+  const Process mute("hostile mute"), stopped("hostile flood");
+  Process dying("fanctl force 1 2500");
+  mac.waitForWrites(200);
+  while (mac.modes() != "11") std::this_thread::yield();
+  stopped.signal(SIGSTOP);
+  dying.stop(SIGKILL);
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // all that was queued is done by then
+  mac.root.write("/clock-set-back", "");
+  EXPECT_NEAR(mac.secondsToRestore(), 20.75, 0.75);
+  EXPECT_EQ(daemon->stop(SIGINT), 0);
+  EXPECT_EQ(mac.modes(), "00");
+  EXPECT_TRUE(mac.audited().ends_with(expired + "[0, 1]\n"));
+  const std::string log = mac.root.read("/Library/Application Support/Quorvane/fan-audit.log");
+  EXPECT_LT(log.substr(log.rfind('\n', log.size() - 2) + 1, 20), log.substr(0, 20));
+}
+
+// Another twenty seconds. Forty descriptors are so few that a crowd could take them all.
+TEST_F(HostileClients, CrowdsAreBoundedAndLeaveARestoreItsDescriptors) {
+  auto daemon = mac.start();
+  EXPECT_EQ(replaceCrowd(), 32);
+  const std::vector<test::RawChannel> strangers(200);
+  for (const auto& each : strangers) EXPECT_TRUE(each.connect());
+  for (const auto& each : strangers) EXPECT_FALSE(each.receive());
+  EXPECT_EQ(daemon->stop(SIGTERM), 0);
+  EXPECT_EQ(mac.modes(), "00");
+
+  daemon = mac.start("prlimit --nofile=40 QuorvaneFanHelper");
+  const Process alwaysEntering("hostile mute");
+  EXPECT_LT(replaceCrowd(), 32);
+  EXPECT_NEAR(mac.secondsToRestore(), 20.75, 0.75);
+  EXPECT_LT(replaceCrowd(), 32) << "it serves again";
+  EXPECT_EQ(daemon->stop(SIGTERM), 0);
+  EXPECT_EQ(mac.modes(), "00");
+  EXPECT_NE(mac.audited().find(expired + "[0]\nwrite F0Md=1\n"), std::string::npos);
+  EXPECT_EQ(mac.audited().find("error"), std::string::npos);
+}
+
+// fanctl under other signatures: each is cut off before any operation.
+TEST_F(HostileClients, NobodyUnadmittedIsServed) {
+  const auto daemon = mac.start();
+  const std::filesystem::path other = mac.root.path("/bin/other");
+  const auto trying = [&](const test::SigningIdentity& root, const char* team, const char* name) {
+    mac.sh("cp $QUORVANE_ROOT/bin/fanctl $QUORVANE_ROOT/bin/other");
+    root.issue({.organizationalUnits = {team}}).signExecutable(other, name);
+    return mac.sh("other write F0Md 1").front();
+  };
+  EXPECT_EQ(trying(mac.trusted, "X4TQ8RW2ZN", "com.quorvane.app-vendra"), '0');
+  EXPECT_EQ(trying(mac.trusted, "X4TQ8RW2ZM", "com.quorvane.app"), '3');
+  EXPECT_EQ(trying(mac.trusted, "X4TQ8RW2ZN", "com.quorvane.apps"), '3');
+  EXPECT_EQ(trying(test::SigningIdentity::makeRoot(), "X4TQ8RW2ZN", "com.quorvane.app"), '3');
+  EXPECT_EQ(trying(mac.trusted, "X4TQ8RW2ZN", "com.quorvane.app"), '0');
+  EXPECT_EQ(mac.sh("echo >>$QUORVANE_ROOT/bin/other; other write F0Md 1").front(), '3')
+      << "tampered";
+  EXPECT_EQ(mac.sh("rm $QUORVANE_ROOT/bin/other.codesign; other write F0Md 1").front(), '3')
+      << "unsigned";
+  EXPECT_NE(mac.sh("unshare -Ur fanctl write F0Md 1").front(), '0') << "another user namespace";
+  EXPECT_TRUE(mac.audited().ends_with("fans=2\nwrite F0Md=1\nwrite F0Md=1\n"));
+}
+
+/// A process that connects on the channel's socket, sends the message, and then becomes the signed
+/// client, which waits for its standard input and knows nothing of the socket.
+struct Impostor {
+  Impostor(const SimulatedMac& mac, test::RawChannel& channel, const std::string& message) {
+    EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    child = fork();
+    if (child == 0) {
+      if (!channel.connect() || (!message.empty() && !channel.send(message))) _exit(1);
+      execl(mac.root.path("/bin/fanctl").c_str(), "fanctl", "force", "0", "0", nullptr);
+      _exit(1);
+    }
+    close(ready[1]);
+    char none = 0;
+    EXPECT_EQ(read(ready[0], &none, 1), 0) << "the exec closes the other end";
+  }
+  ~Impostor() {
+    close(ready[0]);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+  }
+
+  int ready[2] = {};
+  pid_t child = -1;
+};
+
+// The daemon is held while the peer execs, so that admission meets the signed client in the peer's
+// place.
+TEST_F(HostileClients, WhatAnUnsignedProcessLeavesToASignedOneGetsNothingDone) {
+  const auto daemon = mac.start();
+  const xpc::Value arguments[] = {std::string("F1Md"), std::int64_t{1}, false};
+  for (const bool queued : {true, false}) {
+    daemon->signal(SIGSTOP);
+    test::RawChannel channel;
+    const std::string request = xpc::encodeRequest(1, fanControlOperations[0].selector, arguments);
+    const Impostor impostor(mac, channel, queued ? request : "");
+    daemon->signal(SIGCONT);
+    if (!queued) {
+      const std::string response = channel.responseToChallenge();
+      ASSERT_NE(response, "") << "the signed client is challenged";
+      channel.send(response);  // by this process, not by the one that connected
+      channel.send(request);
+    }
+    channel.waitForCutOff();
+  }
+  EXPECT_EQ(mac.written().find("F1Md=01"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace quorvane
