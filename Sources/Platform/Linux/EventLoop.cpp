@@ -98,7 +98,7 @@ void EventLoop::add(EventSource& source) {
     required(signalfd(signals, &watchedSignals, 0), "signal not watched");
   } else if (source.deadline != DISPATCH_TIME_FOREVER) {
     timers.emplace(source.deadline, &source);
-    setTimerLocked();
+    if (source.deadline < timerSetTo) setTimerLocked();
   }
 }
 
@@ -107,7 +107,7 @@ void EventLoop::cancel(EventSource& source) {
   source.cancelled = true;
   std::erase(signalSources, &source);
   const auto isOwn = [&source](const auto& entry) { return entry.second == &source; };
-  if (std::erase_if(timers, isOwn) > 0) setTimerLocked();
+  if (std::erase_if(timers, isOwn) > 0 && timers.empty()) setTimerLocked();
 }
 
 void EventLoop::run() {
@@ -148,13 +148,14 @@ void EventLoop::fireSignals() {
 
 /// Sets the timer to the first deadline, or off. That also takes back an expiry which nobody has
 /// read, see timerfd_create(2), so the descriptor is never read.
-void EventLoop::setTimerLocked() const {
+void EventLoop::setTimerLocked() {
   itimerspec first{};
+  timerSetTo = DISPATCH_TIME_FOREVER;
   if (!timers.empty()) {
-    const dispatch_time_t deadline = timers.begin()->first;
-    first.it_value.tv_sec = static_cast<time_t>(deadline / NSEC_PER_SEC);
-    first.it_value.tv_nsec = static_cast<long>(deadline % NSEC_PER_SEC);
-    if (deadline == DISPATCH_TIME_NOW) first.it_value.tv_nsec = 1;  // all zero would mean off
+    timerSetTo = timers.begin()->first;
+    first.it_value.tv_sec = static_cast<time_t>(timerSetTo / NSEC_PER_SEC);
+    first.it_value.tv_nsec = static_cast<long>(timerSetTo % NSEC_PER_SEC);
+    if (timerSetTo == DISPATCH_TIME_NOW) first.it_value.tv_nsec = 1;  // all zero would mean off
   }
   required(timerfd_settime(timer, TFD_TIMER_ABSTIME, &first, nullptr), "timer not set");
 }

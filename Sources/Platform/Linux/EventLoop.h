@@ -70,7 +70,7 @@ class EventLoop {
   [[noreturn]] void run();
   void fireTimers();
   void fireSignals();
-  void setTimerLocked() const;
+  void setTimerLocked();
 
   const int timer;
   const int events;
@@ -78,6 +78,10 @@ class EventLoop {
 
   std::mutex mutex;  // guards what follows; taken before a queue's, never the other way round
   std::multimap<dispatch_time_t, EventSource*> timers;
+  /// Never after the first deadline. It may be before it, and wake the thread for nothing once, for
+  /// a timer that was cancelled while others remain: to put it off at each renewal of a lease costs
+  /// more. Without timers it is off.
+  dispatch_time_t timerSetTo = DISPATCH_TIME_FOREVER;
   std::vector<EventSource*> signalSources;
   sigset_t watchedSignals{};  // only grows
 };
