@@ -171,9 +171,9 @@ void serve(const Service& service) {
   while (link.waitForRoom()) {
     const auto request = link.receive(peer, buffer);
     if (!request) return;
-    const auto owed = oweReply(service.link);
-    const bool isDelivered = deliver(*request, settings.interface, *settings.object,
-                                     [owed](std::string_view reply) { owed->send(reply); });
+    const bool isDelivered =
+        deliver(*request, settings.interface, *settings.object,
+                [owed = oweReply(service.link)](std::string_view reply) { owed->send(reply); });
     if (!isDelivered) return;
   }
 }

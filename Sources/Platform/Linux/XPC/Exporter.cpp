@@ -12,15 +12,18 @@
 namespace quorvane::xpc {
 
 bool deliver(std::string_view request, const Interface& interface, FanControlXPC& object,
-             const Answer& answer) {
+             Answer answer) {
   std::optional<Request> call = decodeRequest(request, interface.operations);
   if (!call) return false;
 
-  const auto reply = [answer, number = call->callNumber](const auto&... values) {
-    answer(encodeReply(number, std::array{Value(values)...}));
+  // Moved on, as copies of an answer take memory: one of the calls below takes it.
+  auto reply = [answer = std::move(answer), number = call->callNumber](auto... values) {
+    answer(encodeReply(number, std::array{Value(std::move(values))...}));
   };
-  const auto outcome = [reply](bool success, const std::optional<std::string>& message) {
-    reply(success, message ? Value(*message) : Value());
+  auto outcome = [&reply] {
+    return [reply = std::move(reply)](bool success, std::optional<std::string> message) {
+      reply(success, message ? Value(std::move(*message)) : Value());
+    };
   };
 
   const auto& [writeFanKey, restoreAuto, status, ping] = fanControlOperations;
@@ -28,13 +31,14 @@ bool deliver(std::string_view request, const Interface& interface, FanControlXPC
   if (selector == writeFanKey.selector) {
     auto& arguments = call->arguments;
     object.writeFanKey(std::get<std::string>(std::move(arguments[0])),
-                       std::get<std::int64_t>(arguments[1]), std::get<bool>(arguments[2]), outcome);
+                       std::get<std::int64_t>(arguments[1]), std::get<bool>(arguments[2]),
+                       outcome());
   } else if (selector == restoreAuto.selector) {
-    object.restoreAuto(outcome);
+    object.restoreAuto(outcome());
   } else if (selector == status.selector) {
-    object.status(reply);
+    object.status(std::move(reply));
   } else if (selector == ping.selector) {
-    object.ping(reply);
+    object.ping(std::move(reply));
   } else {
     return false;
   }

@@ -16,6 +16,6 @@ using Answer = std::function<void(std::string_view reply)>;
 /// Calls the operation that the request names. False when the bytes are no request of the
 /// interface: nothing was called, and the connection they came from must end.
 [[nodiscard]] bool deliver(std::string_view request, const Interface& interface,
-                           FanControlXPC& object, const Answer& answer);
+                           FanControlXPC& object, Answer answer);
 
 }  // namespace quorvane::xpc
