@@ -13,6 +13,13 @@ using namespace quorvane::dispatch;
 
 namespace {
 
+// The only class of each, so that a cast need not ask; what may be any object is asked.
+SerialQueue& queueOf(dispatch_queue_t queue) {
+  return static_cast<SerialQueue&>(*queue);
+}
+EventSource& sourceOf(dispatch_source_t source) {
+  return static_cast<EventSource&>(*source);
+}
 SerialQueue& queueOf(dispatch_object_t object) {
   return dynamic_cast<SerialQueue&>(*object);
 }
