@@ -28,15 +28,6 @@ std::string timestamp() {
   return text;
 }
 
-/// With those above it. create_directories would ask for itself whether it is there, but of a path
-/// object, whose making takes longer than all of that.
-void createFolder(const std::string& folder) {
-  struct stat status {};
-  if (::stat(folder.c_str(), &status) == 0) return;
-  std::error_code ignored;
-  std::filesystem::create_directories(folder, ignored);
-}
-
 void writeAll(int file, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t count = ::write(file, bytes.data(), bytes.size());
@@ -73,8 +64,11 @@ void writeNew(const std::string& path, std::string_view line) {
 void audit(std::string_view message) {
   const std::string line = timestamp().append("  ").append(message).append("\n");
   const std::string path = systemPath(FanControlConstants::auditLogPath);
-  createFolder(path.substr(0, path.rfind('/')));
-  if (!appendToExisting(path, line)) writeNew(path, line);
+  // A file that opens lies in its folder, so there is none to make.
+  if (appendToExisting(path, line)) return;
+  std::error_code ignored;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+  writeNew(path, line);
 }
 
 }  // namespace quorvane
