@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <typeinfo>
 
 #include "Platform/Linux/DispatchTime.h"
 #include "Platform/Linux/EventLoop.h"
@@ -13,18 +14,20 @@ using namespace quorvane::dispatch;
 
 namespace {
 
-// The only class of each, so that a cast need not ask; what may be any object is asked.
-SerialQueue& queueOf(dispatch_queue_t queue) {
-  return static_cast<SerialQueue&>(*queue);
+/// There are no classes below these two, so that this is all that a dynamic_cast would ask, at less
+/// cost.
+template <class Object>
+bool is(dispatch_object_t object) {
+  return typeid(*object) == typeid(Object);
 }
-EventSource& sourceOf(dispatch_source_t source) {
-  return static_cast<EventSource&>(*source);
-}
+
 SerialQueue& queueOf(dispatch_object_t object) {
-  return dynamic_cast<SerialQueue&>(*object);
+  if (!is<SerialQueue>(object)) fatal("not a queue", EINVAL);
+  return static_cast<SerialQueue&>(*object);
 }
 EventSource& sourceOf(dispatch_object_t object) {
-  return dynamic_cast<EventSource&>(*object);
+  if (!is<EventSource>(object)) fatal("not a source", EINVAL);
+  return static_cast<EventSource&>(*object);
 }
 
 /// A blocked signal waits for the event loop even while its disposition is to be ignored, which
@@ -105,10 +108,7 @@ void dispatch_resume(dispatch_object_t object) {
 }
 
 void dispatch_release(dispatch_object_t object) {
-  if (auto* queue = dynamic_cast<SerialQueue*>(object)) {
-    queue->release();
-    return;
-  }
+  if (is<SerialQueue>(object)) return queueOf(object).release();
   // There is no call to retain a source: this was its creator's reference, so nothing more fires.
   EventLoop::shared().cancel(sourceOf(object));
   sourceOf(object).release();
