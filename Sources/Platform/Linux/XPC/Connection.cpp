@@ -11,7 +11,6 @@
 #include <new>
 #include <span>
 #include <string_view>
-#include <vector>
 
 #include "Platform/Linux/DetachedThread.h"
 #include "Platform/Linux/XPC/Exporter.h"
@@ -161,7 +160,9 @@ void serve(const Service& service) {
   const ConnectionSettings& settings = service.settings;
   const Deadline deadline = std::chrono::steady_clock::now() + settings.timeToAdmit;
   Link& link = *service.link;
-  std::vector<char> buffer(maxRequestSize);
+  // Not set to zero: of its pages, only those that requests reach are ever taken.
+  const auto memory = std::make_unique_for_overwrite<char[]>(maxRequestSize);
+  const std::span<char> buffer(memory.get(), maxRequestSize);
   const Peer peer(link.descriptor());
   const bool isAdmitted = settings.object && isRequirementMet(peer, settings.requirement) &&
                           echoesChallenge(link, peer, buffer, deadline) &&
