@@ -72,9 +72,10 @@ std::string traceLine(const Record& request, const Answer& answer) {
 
 /// One write a line, so that lines of several processes never mix. A trace that cannot be written
 /// changes nothing for the caller.
-void appendToTrace(const std::string& path, const std::string& line) {
+void appendToTrace(const std::string& path, const Record& request, const Answer& answer) {
   const int descriptor = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK);
   if (descriptor < 0) return;
+  const std::string line = traceLine(request, answer);
   [[maybe_unused]] const ssize_t ignored = write(descriptor, line.data(), line.size());
   close(descriptor);
 }
@@ -94,7 +95,7 @@ kern_return_t SimulatedSMC::callStructMethod(std::uint32_t selector, const void*
   const Answer answer =
       error != 0 ? withStatus(kernelReturn(error)) : serve(*request, opened, bootTime());
   // The lock is still held: lines come in the order of effects.
-  appendToTrace(file + ".trace", traceLine(*request, answer));
+  appendToTrace(file + ".trace", *request, answer);
   return smc::send(answer, output, outputSize);
 }
 
