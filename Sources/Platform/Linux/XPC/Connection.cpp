@@ -35,10 +35,6 @@ std::optional<pid_t> soleSender(msghdr& message) {
   return credentials.pid;
 }
 
-/// A connection that had to stop reading reads on when as few replies are owed: to wake its thread
-/// for each reply would cost more than the request.
-constexpr int roomAgain = maxOutstandingReplies / 2;
-
 /// The socket of one connection and the account of its replies. Owned jointly by the connection's
 /// thread and the replies still to come, so that a late reply never goes to another client on a
 /// reused descriptor. Callable from any thread, but for what only the connection's thread does.
@@ -69,19 +65,16 @@ class Link {
   }
 
   void endReply() {
-    bool isRoomAgain = false;
-    {
-      const std::lock_guard lock(mutex);
-      isRoomAgain = --outstandingReplies == roomAgain;
-    }
-    if (isRoomAgain) changed.notify_one();
+    const std::lock_guard lock(mutex);
+    if (--outstandingReplies == 0) changed.notify_one();
   }
 
-  /// Connection's thread only. Waits until more replies may be owed; false once cut off.
+  /// Connection's thread only. Where no more replies may be owed, waits until all of them are
+  /// given: to wake for each would cost more than its request. False once cut off.
   [[nodiscard]] bool waitForRoom() {
     std::unique_lock lock(mutex);
     if (outstandingReplies == maxOutstandingReplies) {
-      changed.wait(lock, [this] { return isOver || outstandingReplies <= roomAgain; });
+      changed.wait(lock, [this] { return isOver || outstandingReplies == 0; });
     }
     return !isOver;
   }
