@@ -118,11 +118,17 @@ class Link {
   bool isOver = false;
 };
 
-/// The link for one more reply, which is owed until the last copy of this goes.
-std::shared_ptr<Link> oweReply(const std::shared_ptr<Link>& link) {
-  link->beginReply();
-  return {link.get(), [link](Link*) { link->endReply(); }};
-}
+/// One more reply of the link, owed until this goes.
+class OwedReply final : public Answer {
+ public:
+  explicit OwedReply(std::shared_ptr<Link> owing) : link(std::move(owing)) { link->beginReply(); }
+  ~OwedReply() override { link->endReply(); }
+
+  void give(std::string_view reply) override { link->send(reply); }
+
+ private:
+  const std::shared_ptr<Link> link;
+};
 
 bool isRequirementMet(const Peer& peer, const std::optional<std::string>& requirement) {
   if (!requirement) return false;
@@ -165,9 +171,8 @@ void serve(const Service& service) {
   while (link.waitForRoom()) {
     const auto request = link.receive(peer, buffer);
     if (!request) return;
-    const bool isDelivered =
-        deliver(*request, settings.interface, *settings.object,
-                [owed = oweReply(service.link)](std::string_view reply) { owed->send(reply); });
+    const bool isDelivered = deliver(*request, settings.interface, *settings.object,
+                                     std::make_shared<OwedReply>(service.link));
     if (!isDelivered) return;
   }
 }

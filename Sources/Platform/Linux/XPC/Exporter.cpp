@@ -12,13 +12,13 @@
 namespace quorvane::xpc {
 
 bool deliver(std::string_view request, const Interface& interface, FanControlXPC& object,
-             Answer answer) {
+             std::shared_ptr<Answer> answer) {
   std::optional<Request> call = decodeRequest(request, interface.operations);
   if (!call) return false;
 
-  // Moved on, as copies of an answer take memory: one of the calls below takes it.
+  // Moved on, as copies of what has an owner take their time: one of the calls below takes it.
   auto reply = [answer = std::move(answer), number = call->callNumber](auto... values) {
-    answer(encodeReply(number, std::array{Value(std::move(values))...}));
+    answer->give(encodeReply(number, std::array{Value(std::move(values))...}));
   };
   auto outcome = [&reply] {
     return [reply = std::move(reply)](bool success, std::optional<std::string> message) {
