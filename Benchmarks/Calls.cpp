@@ -43,8 +43,10 @@ struct Call {
 }  // namespace
 
 void measureCalls(Report& report, const Setting& setting) {
-  const Aim pingAim{Aim::Kind::ratioAtMost, 1.15};
-  const Aim writeAim{Aim::Kind::ratioAtMost, 1.25};
+  const Aim pingAim{"ratio <= 1.15",
+                    [](double measured, double floor) { return measured <= 1.15 * floor; }};
+  const Aim writeAim{"ratio <= 1.25",
+                     [](double measured, double floor) { return measured <= 1.25 * floor; }};
   const std::string write = writeRequest("F0Tg", 2500);
   const std::vector<Call> calls{
       {"ping", pingRequest(), FloorWork::echo, Helper::real, pingAim},

@@ -107,26 +107,20 @@ int serveAsFloor(const std::vector<std::string>& arguments) {
   _exit(0);
 }
 
-struct Floor::Ends {
-  explicit Ends(int clients) {
-    for (int i = 0; i < clients; ++i) {
-      std::array<int, 2> pair{};
-      if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0) fail("no pair");
-      const int on = 1;
-      setsockopt(pair[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-      channels.emplace_back(xpc::Descriptor(pair[0]));
-      served.emplace_back(pair[1]);
-    }
-  }
-
-  std::vector<Channel> channels;
-  std::vector<xpc::Descriptor> served;
-};
-
-Floor::Floor(FloorWork work, const std::string& root, int clients, std::vector<std::string> wrapper)
-    : Floor(work, root, Ends(clients), std::move(wrapper)) {}
-
 namespace {
+
+std::vector<xpc::Descriptor> connect(int clients, std::vector<Channel>& channels) {
+  std::vector<xpc::Descriptor> served;
+  for (int i = 0; i < clients; ++i) {
+    std::array<int, 2> pair{};
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0) fail("no pair");
+    const int on = 1;
+    setsockopt(pair[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+    channels.emplace_back(xpc::Descriptor(pair[0]));
+    served.emplace_back(pair[1]);
+  }
+  return served;
+}
 
 std::vector<int> numbersOf(const std::vector<xpc::Descriptor>& descriptors) {
   std::vector<int> numbers;
@@ -149,9 +143,11 @@ std::vector<std::string> commandOf(FloorWork work, const std::string& root,
 
 }  // namespace
 
-Floor::Floor(FloorWork work, const std::string& root, Ends ends, std::vector<std::string> wrapper)
-    : Program(commandOf(work, root, numbersOf(ends.served), std::move(wrapper)), root,
-              numbersOf(ends.served)),
-      channels(std::move(ends.channels)) {}
+Floor::Floor(FloorWork work, const std::string& root, int clients, std::vector<std::string> wrapper)
+    : served(connect(clients, channels)),
+      server(commandOf(work, root, numbersOf(served), std::move(wrapper)), root,
+             numbersOf(served)) {
+  served.clear();
+}
 
 }  // namespace quorvane::bench

@@ -2,7 +2,6 @@
 // does nothing else but what is asked for here. Calls over it are made like calls to the helper.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,19 +15,15 @@ enum class FloorWork : char {
   hopAndLine = 'l',  ///< which before appends a line to a file: open, seek, write, close
 };
 
-class Floor : public Program {
- public:
+struct Floor {
   /// With a client for each channel. `root` is the machine beside whose audit log the file is.
   /// Several words of `wrapper` may stand before the command.
   Floor(FloorWork work, const std::string& root, int clients = 1,
         std::vector<std::string> wrapper = {});
 
-  /// Gone once taken.
   std::vector<Channel> channels;
-
- private:
-  struct Ends;
-  Floor(FloorWork work, const std::string& root, Ends ends, std::vector<std::string> wrapper);
+  std::vector<xpc::Descriptor> served;  // the other ends, until the server has them
+  Program server;
 };
 
 /// The role of the process itself: arguments as Floor gives them. Ends with its clients.

@@ -50,7 +50,7 @@ double ofFloor(const Machine& machine, FloorWork work, const std::string& reques
   Floor floor(work, machine.root, 1, callgrind(log));
   for (int i = 0; i < count; ++i) floor.channels.front().call(request);
   floor.channels.clear();
-  floor.wait();
+  floor.server.wait();
   return collected(log);
 }
 

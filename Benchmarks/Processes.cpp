@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 
 #include "Platform/Linux/XPC/Wire.h"
@@ -38,10 +37,13 @@ bool runOn(int processor) {
   return sched_setaffinity(0, sizeof processors, &processors) == 0;
 }
 
+std::filesystem::directory_iterator tasksOf(pid_t pid) {
+  return std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task");
+}
+
 double processorMicroseconds(pid_t pid) {
   double sum = 0;
-  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+  for (const auto& task : tasksOf(pid)) {
     double nanoseconds = 0;
     std::ifstream(task.path() / "schedstat") >> nanoseconds;
     sum += nanoseconds / 1000;

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,9 @@ double microsecondsSince(Clock::time_point start);
 /// From now on this program, and what it starts, runs on this processor only; on all for -1. False
 /// when there is no such processor.
 bool runOn(int processor);
+
+/// The threads of a process, as folders of proc(5).
+std::filesystem::directory_iterator tasksOf(pid_t pid);
 
 /// What all threads of a process have used up so far.
 double processorMicroseconds(pid_t pid);

@@ -6,83 +6,48 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <optional>
 
 #include "Processes.h"
 
 namespace quorvane::bench {
 namespace {
 
-struct Spread {
-  double p50;
-  double p99;
-};
-
-std::optional<Spread> spreadOf(const Samples& samples, bool moreIsBetter) {
-  if (samples.empty()) return std::nullopt;
-  return Spread{samples.percentile(0.5), samples.percentile(moreIsBetter ? 0.01 : 0.99)};
-}
-
 /// Three digits that matter.
 std::string number(double value) {
   char text[32];
-  const int decimals = std::abs(value) >= 100 ? 0 : std::abs(value) >= 10 ? 1 : 2;
-  std::snprintf(text, sizeof text, "%.*f", value == 0 ? 0 : decimals, value);
+  const int decimals = value == 0 || std::abs(value) >= 100 ? 0 : std::abs(value) >= 10 ? 1 : 2;
+  std::snprintf(text, sizeof text, "%.*f", decimals, value);
   return text;
 }
 
-std::string ratio(double measured, double floor) {
-  return floor > 0 ? number(measured / floor) : "";
-}
-
-std::string aimText(const Figure& figure) {
-  const std::string bound = number(figure.aim.bound);
-  switch (figure.aim.kind) {
-    case Aim::Kind::none:
-      return "";
-    case Aim::Kind::ratioAtMost:
-      return "ratio <= " + bound;
-    case Aim::Kind::ratioAtLeast:
-      return "ratio >= " + bound;
-    case Aim::Kind::atMost:
-      return "<= " + bound;
-    case Aim::Kind::aboveFloorAtMost:
-      return "<= floor + " + bound;
-  }
-  return "";
+double p99(const Samples& samples, const Figure& figure) {
+  return samples.percentile(figure.moreIsBetter ? 0.01 : 0.99);
 }
 
 bool isMet(const Figure& figure) {
-  const double measured = figure.measured.percentile(0.5);
   const double floor = figure.floor.empty() ? 0 : figure.floor.percentile(0.5);
-  switch (figure.aim.kind) {
-    case Aim::Kind::none:
-      return true;
-    case Aim::Kind::ratioAtMost:
-      return measured <= figure.aim.bound * floor;
-    case Aim::Kind::ratioAtLeast:
-      return measured >= figure.aim.bound * floor;
-    case Aim::Kind::atMost:
-      return measured <= figure.aim.bound;
-    case Aim::Kind::aboveFloorAtMost:
-      return measured <= floor + figure.aim.bound;
-  }
-  return false;
+  return figure.aim.text == nullptr || figure.aim.isMet(figure.measured.percentile(0.5), floor);
 }
 
-/// The cells of a figure's line, as the table's heading has them.
-std::vector<std::string> cells(const Figure& figure) {
-  std::vector<std::string> line{figure.what, figure.unit, "", "", "", "", "", "", aimText(figure)};
-  const auto measured = spreadOf(figure.measured, figure.moreIsBetter);
-  const auto floor = spreadOf(figure.floor, figure.moreIsBetter);
-  line[2] = number(measured->p50);
-  line[3] = number(measured->p99);
-  if (floor) {
-    line[4] = number(floor->p50);
-    line[5] = number(floor->p99);
-    line[6] = ratio(measured->p50, floor->p50);
-    line[7] = ratio(measured->p99, floor->p99);
+using Line = std::vector<std::string>;
+
+const Line heading{"what",      "unit",      "p50",       "p99",      "floor p50",
+                   "floor p99", "ratio p50", "ratio p99", "aim (p50)"};
+
+Line cells(const Figure& figure) {
+  const double half = figure.measured.percentile(0.5);
+  const double most = p99(figure.measured, figure);
+  Line line{figure.what, figure.unit, number(half), number(most)};
+  if (!figure.floor.empty()) {
+    const double floorHalf = figure.floor.percentile(0.5);
+    const double floorMost = p99(figure.floor, figure);
+    line.insert(line.end(), {number(floorHalf), number(floorMost)});
+    if (floorHalf > 0) {
+      line.insert(line.end(), {number(half / floorHalf), number(most / floorMost)});
+    }
   }
+  line.resize(heading.size());
+  if (figure.aim.text != nullptr) line.back() = figure.aim.text;
   if (!isMet(figure)) line.back() += ": MISSED";
   return line;
 }
@@ -96,11 +61,11 @@ std::string json(const std::string& text) {
   return quoted + '"';
 }
 
-std::string json(const char* name, const std::optional<Spread>& spread) {
-  if (!spread) return "";
+std::string json(const char* name, const Samples& samples, const Figure& figure) {
+  if (samples.empty()) return "";
   char text[128];
-  std::snprintf(text, sizeof text, ", \"%s\": {\"p50\": %.6g, \"p99\": %.6g}", name, spread->p50,
-                spread->p99);
+  std::snprintf(text, sizeof text, ", \"%s\": {\"p50\": %.6g, \"p99\": %.6g}", name,
+                samples.percentile(0.5), p99(samples, figure));
   return text;
 }
 
@@ -129,14 +94,13 @@ void Report::add(Figure figure) {
 }
 
 void Report::printTable() const {
-  std::vector<std::vector<std::string>> lines{{"what", "unit", "p50", "p99", "floor p50",
-                                               "floor p99", "ratio p50", "ratio p99", "aim (p50)"}};
+  std::vector<Line> lines{heading};
   for (const Figure& figure : figures) lines.push_back(cells(figure));
   std::vector<std::size_t> widths(lines.front().size());
   for (const auto& line : lines) {
     for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], line[i].size());
   }
-  const auto print = [&widths](const std::vector<std::string>& line) {
+  const auto print = [&widths](const Line& line) {
     for (std::size_t i = 0; i < line.size(); ++i) {
       const bool isNumber = i >= 2 && i + 1 < line.size();
       const int width = static_cast<int>(widths[i]);
@@ -160,11 +124,10 @@ void Report::write(const std::string& path,
   const char* separator = "\n";
   for (const Figure& figure : figures) {
     file << separator << "    {\"what\": " << json(figure.what)
-         << ", \"unit\": " << json(figure.unit)
-         << json("measured", spreadOf(figure.measured, figure.moreIsBetter))
-         << json("floor", spreadOf(figure.floor, figure.moreIsBetter));
-    if (figure.aim.kind != Aim::Kind::none) {
-      file << ", \"aim\": " << json(aimText(figure))
+         << ", \"unit\": " << json(figure.unit) << json("measured", figure.measured, figure)
+         << json("floor", figure.floor, figure);
+    if (figure.aim.text != nullptr) {
+      file << ", \"aim\": " << json(figure.aim.text)
            << ", \"met\": " << (isMet(figure) ? "true" : "false");
     }
     file << "}";

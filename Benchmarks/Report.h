@@ -2,7 +2,6 @@
 // table for people and as a file for programs. Used from the main thread.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,11 +19,10 @@ class Samples {
   std::vector<double> values;
 };
 
-/// What a figure should be; none where it only informs.
+/// What a figure should be, of its p50 and its floor's; without a text it only informs.
 struct Aim {
-  enum class Kind : std::uint8_t { none, ratioAtMost, ratioAtLeast, atMost, aboveFloorAtMost };
-  Kind kind = Kind::none;
-  double bound = 0;
+  const char* text = nullptr;
+  bool (*isMet)(double measured, double floor) = nullptr;
 };
 
 struct Figure {
@@ -33,7 +31,6 @@ struct Figure {
   Samples measured;
   /// What the machine itself takes for the same; may be empty.
   Samples floor{};
-  /// Of p50.
   Aim aim{};
   /// Of a rate, the p99 is what all but one of a hundred samples reach.
   bool moreIsBetter = false;

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "Groups.h"
-#include "Platform/Linux/Drivers/SimulatedSMC.h"
 #include "Platform/Linux/IOKitRegistry.h"
 #include "QuorvaneFanHelper/HelperSMC.h"
 
@@ -20,16 +19,13 @@ double nanoseconds(const Call& call) {
   return microsecondsSince(start) * 1000 / callsASample;
 }
 
+/// The floor: the driver's call alone, with a record for the key.
 class DriverCall {
  public:
-  DriverCall(std::unique_ptr<iokit::UserClient> opened, std::uint8_t command)
-      : client(std::move(opened)) {
-    const std::uint32_t code = fourCC(command == 6 ? "F0Tg" : "FNum");
+  DriverCall(std::string_view key, std::uint8_t command) {
+    iokit::publishedServices().front().open(0, client);
+    const std::uint32_t code = fourCC(key);
     std::memcpy(record.data(), &code, sizeof code);
-    const std::uint32_t size = command == 6 ? 4 : 1;
-    const std::uint32_t type = fourCC(command == 6 ? "flt " : "ui8 ");
-    std::memcpy(&record[28], &size, sizeof size);
-    std::memcpy(&record[32], &type, sizeof type);
     record[42] = command;
   }
 
@@ -37,7 +33,6 @@ class DriverCall {
     std::array<std::uint8_t, 80> reply{};
     std::size_t size = reply.size();
     client->callStructMethod(2, record.data(), record.size(), reply.data(), &size);
-    if (reply[40] != 0) fail("the driver refuses");
   }
 
  private:
@@ -45,37 +40,23 @@ class DriverCall {
   std::array<std::uint8_t, 80> record{};
 };
 
-std::unique_ptr<iokit::UserClient> openFastDriver() {
-  std::unique_ptr<iokit::UserClient> client;
-  iokit::publishedServices().front().open(0, client);
-  return client;
-}
-
 }  // namespace
 
 void measureSMC(Report& report, const Setting& setting) {
   Report::progress("HelperSMC");
   HelperSMC smc;
   smc.connect();
-  const DriverCall read(openFastDriver(), 5);
-  const DriverCall write(openFastDriver(), 6);
-  const Machine machine = setting.machine("driver");
-  const std::string file = machine.root + "/var/lib/quorvane/smc";
-  const DriverCall simulatedRead(std::make_unique<simulation::SimulatedSMC>(file), 5);
-  const DriverCall simulatedWrite(std::make_unique<simulation::SimulatedSMC>(file), 6);
-  Samples reads, bareReads, writes, bareWrites, simulatedReads, simulatedWrites;
+  const DriverCall read("FNum", 5);
+  const DriverCall write("F0Tg", 6);
+  Samples reads, bareReads, writes, bareWrites;
   for (int round = 0; round < setting.rounds(500); ++round) {
     reads.add(nanoseconds([&smc] { smc.readByte("FNum"); }));
     bareReads.add(nanoseconds(read));
     writes.add(nanoseconds([&smc] { smc.writeRPM("F0Tg", 2500); }));
     bareWrites.add(nanoseconds(write));
-    simulatedReads.add(nanoseconds(simulatedRead));
-    simulatedWrites.add(nanoseconds(simulatedWrite));
   }
   report.add({"HelperSMC read, fast driver", "ns", std::move(reads), std::move(bareReads)});
   report.add({"HelperSMC write, fast driver", "ns", std::move(writes), std::move(bareWrites)});
-  report.add({"simulated SMC's own read", "ns", std::move(simulatedReads)});
-  report.add({"simulated SMC's own write", "ns", std::move(simulatedWrites)});
 }
 
 }  // namespace quorvane::bench
