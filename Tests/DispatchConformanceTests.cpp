@@ -54,7 +54,7 @@ TEST_F(DispatchConformance, TimersFireOnceInTheOrderOfTheirDeadlines) {
   });
   const OneShotTimer never(queue, std::chrono::nanoseconds::max(), says("never "));
   const OneShotTimer past(queue, -1s, says("past "));
-  OneShotTimer(queue, 10ms, says("cancelled "));  // what comes after it still comes, and then
+  OneShotTimer(queue, 10ms, says("cancelled "));  // holds up none behind it
   const std::clock_t before = std::clock();
   pass(320ms);
   EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10) << "waiting takes processor time";

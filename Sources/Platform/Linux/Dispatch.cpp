@@ -14,8 +14,7 @@ using namespace quorvane::dispatch;
 
 namespace {
 
-/// There are no classes below these two, so that this is all that a dynamic_cast would ask, at less
-/// cost.
+/// All that a dynamic_cast to one of the two final classes would ask, at less cost.
 template <class Object>
 bool is(dispatch_object_t object) {
   return typeid(*object) == typeid(Object);

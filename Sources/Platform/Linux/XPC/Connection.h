@@ -19,8 +19,8 @@ namespace quorvane::xpc {
 inline constexpr int maxAdmittedConnections = 32;
 /// Peers that have proved nothing yet; each costs a thread and the check of a signature.
 inline constexpr int maxConnectionsInAdmission = 16;
-/// Requests of one connection that wait for a reply; at this number no more are read
-/// before all are answered.
+/// Requests of one connection that wait for a reply; at this number no more are read before
+/// all are answered.
 inline constexpr int maxOutstandingReplies = 64;
 /// Within this time a peer must be through admission; only reading a large executable from a slow
 /// disk takes a noticeable part of it.

@@ -16,7 +16,7 @@ bool deliver(std::string_view request, const Interface& interface, FanControlXPC
   std::optional<Request> call = decodeRequest(request, interface.operations);
   if (!call) return false;
 
-  // Moved on, as copies of what has an owner take their time: one of the calls below takes it.
+  // Moved on, not copied, to the one call below that takes it.
   auto reply = [answer = std::move(answer), number = call->callNumber](auto... values) {
     answer->give(encodeReply(number, std::array{Value(std::move(values))...}));
   };
