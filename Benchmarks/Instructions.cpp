@@ -12,12 +12,8 @@ namespace {
 constexpr int requestCount = 1000;
 
 std::vector<std::string> callgrind(const std::string& log) {
-  return {"env",
-          "LD_PRELOAD=" PIDFD_UNDER_VALGRIND,
-          "valgrind",
-          "--tool=callgrind",
-          "--callgrind-out-file=/dev/null",
-          "--log-file=" + log};
+  return {"env",       "LD_PRELOAD=" PIDFD_UNDER_VALGRIND, "valgrind",         "--tool=callgrind",
+          "--vgdb=no", "--callgrind-out-file=/dev/null",   "--log-file=" + log};
 }
 
 double collected(const std::string& log) {
