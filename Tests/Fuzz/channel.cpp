@@ -62,16 +62,24 @@ void checkCall(const ScriptedSMC::Call& call, const std::list<Exchange>& exchang
   }));
 }
 
+/// Holds the reply against its request.
+struct CheckedAnswer final : Answer {
+  CheckedAnswer(Exchange& of, std::size_t size) : exchange(of), requestSize(size) {}
+  void give(std::string_view bytes) override {
+    assert(exchange.request && ++exchange.replies == 1);
+    const auto reply = decodeReply(bytes, exchange.request->operation->reply);
+    assert(reply && reply->callNumber == exchange.request->callNumber);
+    assert(bytes.size() <= requestSize + maxReplySize - maxRequestSize);
+  }
+  Exchange& exchange;
+  const std::size_t requestSize;
+};
+
 /// Does with a datagram what a connection does. False when that must end.
 bool receive(std::string_view datagram, FanHelperService& helper, std::list<Exchange>& exchanges) {
   const auto request = decodeRequest(datagram, fanControlOperations);
-  Exchange& each = exchanges.emplace_back(Exchange{request});
-  const auto answer = [&each, size = datagram.size()](std::string_view bytes) {
-    assert(each.request && ++each.replies == 1);
-    const auto reply = decodeReply(bytes, each.request->operation->reply);
-    assert(reply && reply->callNumber == each.request->callNumber);
-    assert(bytes.size() <= size + maxReplySize - maxRequestSize);
-  };
+  const auto answer =
+      std::make_shared<CheckedAnswer>(exchanges.emplace_back(Exchange{request}), datagram.size());
   const bool isDelivered = deliver(datagram, {fanControlOperations}, helper, answer);
   assert(isDelivered == request.has_value());
   if (!isDelivered) return false;
