@@ -119,6 +119,10 @@ TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {
   root.write(folder + "fan1_min", "0");
   EXPECT_EQ(ask(write, "F0Tg", apple, 0.25), 137) << "would hand back, not stop";
   EXPECT_EQ(setMode(0), "0 fan1_target=0 automatic");
+  KernelFolder::errors = {{"fan1_target=2500", ETIMEDOUT}};
+  EXPECT_EQ(ask(write, "F0Tg", apple, 2500), 183);
+  KernelFolder::smcIsManual = true;  // for the SMC had entered it, and only its answer was lost
+  EXPECT_EQ(setMode(0), "0 fan1_target=1 fan1_target=0 automatic");
 }
 
 }  // namespace

@@ -189,7 +189,10 @@ int HwmonSMC::writeTarget(unsigned fan, double rpm) {
   const long target = std::lround(std::clamp<double>(rpm, allowed.low, allowed.high));
   // There a 0 would hand the fan back, and not stop it.
   if (driver.mode.empty() && target == 0) return EINVAL;
-  return device->folder->write(fileOf(fan, driver.target), std::to_string(target));
+  const int error = device->folder->write(fileOf(fan, driver.target), std::to_string(target));
+  // The SMC may have entered manual mode and only its answer been lost, with the flag left unset.
+  if (error != 0) handedBack.reset(fan);
+  return error;
 }
 
 /// The driver leaves manual mode only if its own flag says manual. The flag starts as automatic,
@@ -199,7 +202,7 @@ int HwmonSMC::handBack(unsigned fan) {
   const auto leave = [&] { return device->folder->write(target, "0"); };
   if (handedBack[fan]) return leave();
 
-  const int entered = writeTarget(fan, number(target).value);
+  const int entered = writeTarget(fan, std::max(number(target).value, 1U));  // 0 would not set it
   int left = leave();
   // A fan that was automatic is forced now, and by us: one failure must not leave it so.
   if (left != 0) left = leave();

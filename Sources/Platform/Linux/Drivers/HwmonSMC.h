@@ -12,8 +12,8 @@
 // cannot be read or contradict each other.
 //
 // macsmc_hwmon has no mode file: the mode is written through the target, cannot be read (133), and
-// each fan's first release is made sure of. A target that comes to 0 is refused there (137): it
-// would hand the fan back, not stop it.
+// each fan's first release, and the first after a target that failed, is made sure of. A target
+// that comes to 0 is refused there (137): it would hand the fan back, not stop it.
 #pragma once
 
 #include <bitset>
