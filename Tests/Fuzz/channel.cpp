@@ -8,20 +8,12 @@
 #include "Platform/Linux/XPC/Exporter.h"
 #include "Platform/Linux/XPC/Wire.h"
 #include "QuorvaneFanHelper/FanHelperService.h"
-#include "Support/FakeSystem.h"
 #include "Support/ScriptedSMC.h"
 #include "Support/TemporaryRoot.h"
 #include "Support/VirtualDispatch.h"
 
 namespace quorvane::xpc {
 namespace {
-
-using Operation = ScriptedSMC::Operation;
-
-struct Exchange {
-  std::optional<Request> request;
-  int replies = 0;
-};
 
 /// One service for many inputs, as for many connections of a daemon: each finds it at rest. A new
 /// one comes long before the virtual clock runs out.
@@ -35,7 +27,7 @@ FanHelperService& service() {
     machine().addKey(fan + "Md", "ui8 ", 1, 0xC0);
   }
   machine().fate = [](const ScriptedSMC::Call& call) {
-    const bool isRefused = call.key == "F2Tg" && call.operation == Operation::write;
+    const bool isRefused = call.key == "F2Tg" && call.operation == ScriptedSMC::Operation::write;
     return ScriptedSMC::Failure{.result = std::uint8_t(isRefused ? 134 : 0)};
   };
   current = std::make_shared<FanHelperService>();
@@ -43,43 +35,35 @@ FanHelperService& service() {
   return *current;
 }
 
-/// What is read is the fan count or one of the twenty keys; what is written, to one of them, is
-/// automatic mode, or in the range of the key and asked for.
-void checkCall(const ScriptedSMC::Call& call, const std::list<Exchange>& exchanges) {
-  const std::string& key = call.key;
-  const bool isWrite = call.operation == Operation::write, isMode = key.ends_with("Md");
-  if (key == "FNum" && !isWrite) return;
-  assert(key[0] == 'F' && key[1] >= '0' && key[1] <= '9' && (isMode || key.ends_with("Tg")));
+/// What is written, to one of the twenty keys, is in the key's range.
+void checkCall(const ScriptedSMC::Call& call) {
+  if (call.operation != ScriptedSMC::Operation::write) return;
   float value = call.request[48];
-  if (!isMode) std::memcpy(&value, &call.request[48], sizeof value);
-  if (!isWrite || (isMode && value == 0)) return;
-  assert(value >= 0 && value <= (isMode ? 1 : 12000));
-  assert(std::ranges::any_of(exchanges, [&](const Exchange& each) {
-    if (!each.request) return false;
-    const std::vector<Value>& asked = each.request->arguments;
-    return asked.size() == 3 && asked[0] == Value(key) && asked[1] == Value(std::int64_t(value)) &&
-           (!isMode || asked[2] == Value(false));
-  }));
+  if (!call.isFanMode()) std::memcpy(&value, &call.request[48], sizeof value);
+  assert(call.isFanKey() && value >= 0 && value <= (call.isFanMode() ? 1 : 12000));
 }
 
-/// Holds the reply against its request.
+/// Holds the reply against its request, and counts it.
 struct CheckedAnswer final : Answer {
-  CheckedAnswer(Exchange& of, std::size_t size) : exchange(of), requestSize(size) {}
+  CheckedAnswer(const std::optional<Request>& asked, std::size_t size, int& counted)
+      : request(asked), requestSize(size), count(counted) {}
   void give(std::string_view bytes) override {
-    assert(exchange.request && ++exchange.replies == 1);
-    const auto reply = decodeReply(bytes, exchange.request->operation->reply);
-    assert(reply && reply->callNumber == exchange.request->callNumber);
+    assert(request && ++count == 1);
+    const auto reply = decodeReply(bytes, request->operation->reply);
+    assert(reply && reply->callNumber == request->callNumber);
     assert(bytes.size() <= requestSize + maxReplySize - maxRequestSize);
   }
-  Exchange& exchange;
+  const std::optional<Request> request;
   const std::size_t requestSize;
+  int& count;
 };
 
-/// Does with a datagram what a connection does. False when that must end.
-bool receive(std::string_view datagram, FanHelperService& helper, std::list<Exchange>& exchanges) {
+/// Does with a datagram what a connection does; false when that must end. Adds the number of
+/// replies to a request.
+bool receive(std::string_view datagram, FanHelperService& helper, std::list<int>& replies) {
   const auto request = decodeRequest(datagram, fanControlOperations);
-  const auto answer =
-      std::make_shared<CheckedAnswer>(exchanges.emplace_back(Exchange{request}), datagram.size());
+  replies.push_back(request ? 0 : 1);  // what is no request is owed none
+  const auto answer = std::make_shared<CheckedAnswer>(request, datagram.size(), replies.back());
   const bool isDelivered = deliver(datagram, {fanControlOperations}, helper, answer);
   assert(isDelivered == request.has_value());
   if (!isDelivered) return false;
@@ -93,7 +77,7 @@ bool receive(std::string_view datagram, FanHelperService& helper, std::list<Exch
 void serve(std::string_view input) {
   constexpr std::string_view separator = "\xFE\xFE";  // not in UTF-8, so not in a request's texts
   FanHelperService& helper = service();
-  std::list<Exchange> exchanges;
+  std::list<int> replies;
   for (bool isOpen = true; isOpen && !input.empty();) {
     // Nothing runs ahead of a zero, so that requests can pile up.
     if (input[0] != 0) virtualdispatch::advance(std::chrono::seconds(input[0] & 0x1F));
@@ -101,11 +85,11 @@ void serve(std::string_view input) {
     input.remove_prefix(std::min(1 + part.size() + separator.size(), input.size()));
     // In memory of just its size, so that the sanitizer sees a byte too many being read.
     const std::vector<char> datagram(part.begin(), part.end());
-    isOpen = receive({datagram.data(), datagram.size()}, helper, exchanges);
+    isOpen = receive({datagram.data(), datagram.size()}, helper, replies);
   }
   virtualdispatch::advance(std::chrono::seconds(FanControlConstants::leaseSeconds));
-  for (const Exchange& each : exchanges) assert(each.replies == (each.request ? 1 : 0));
-  for (const auto& call : machine().takeCalls()) checkCall(call, exchanges);
+  for (const int count : replies) assert(count == 1);
+  for (const auto& call : machine().takeCalls()) checkCall(call);
   for (const char* mode : {"F0Md", "F1Md", "F2Md"}) assert(machine().keys.at(mode)[48] == 0);
   assert(virtualdispatch::deadlines().empty());
 }
@@ -116,7 +100,6 @@ void serve(std::string_view input) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const quorvane::TemporaryRoot root;
   root.write(quorvane::FanControlConstants::auditLogPath, "");
-  quorvane::fakeSystem().log.clear();
   quorvane::xpc::serve(std::string(data, data + size));
   return 0;
 }

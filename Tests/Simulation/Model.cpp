@@ -12,12 +12,6 @@ using Record = ScriptedSMC::Record;
 
 struct Died {};
 
-/// The SMC knows a key by four bytes: the last ones of its name.
-std::string modeKey(int fan) {
-  const std::string name = "F" + std::to_string(fan) + "Md";
-  return name.substr(name.size() - 4);
-}
-
 /// Of the twenty keys that a client may write.
 std::optional<int> fanOfKey(const std::string& key) {
   for (int fan = 0; fan < 10; ++fan) {
@@ -29,7 +23,7 @@ std::optional<int> fanOfKey(const std::string& key) {
 
 Record makeRequest(const std::string& key, std::uint8_t command) {
   Record request{};
-  std::copy(key.rbegin(), key.rend(), request.begin());
+  std::copy_n(key.rbegin(), 4, request.begin());  // it knows a key by its last four bytes
   request[42] = command;
   return request;
 }
@@ -44,12 +38,8 @@ std::string joined(const std::set<int>& fans, const char* separator) {
 
 std::string describe(const Record& request) {
   static constexpr char digits[] = "0123456789abcdef";
-  std::string text = request[42] == 5 ? "read " : request[42] == 6 ? "write " : "info ";
-  text.append(request.rend() - 4, request.rend()) += ' ';
-  for (const int at : {28, 32, 33, 34, 35, 36, 48, 49, 50, 51}) {
-    const std::uint8_t byte = request[static_cast<std::size_t>(at)];
-    text += {digits[byte >> 4], digits[byte & 15]};
-  }
+  std::string text(request.rend() - 4, request.rend());
+  for (const std::uint8_t byte : request) text += {digits[byte >> 4], digits[byte & 15]};
   return text;
 }
 
@@ -57,7 +47,6 @@ void Model::start(bool smcOpens) {
   known.clear(), forced.clear(), endPeriod();
   isAlive = true;
   smcOpen = smcOpens;
-  if (!smcOpen) log.emplace_back("error FanHelper: SMC open failed: notOpen");
   line = {[this] {
     restore("startup baseline");
     const unsigned fans = fanCount().value_or(0);
@@ -84,7 +73,6 @@ void Model::pass(Time span) {
     if (isLease) comeDue(lease, "lease expired", "lease expired — fail-safe");
     if (!isLease) comeDue(cap, "hard cap", "max manual duration reached — fail-safe");
   }
-  if (lease && cap && lease->inLine && cap->inLine) ++coverage["both expiries in line"];
 }
 
 void Model::comeDue(std::optional<Timer>& timer, const std::string& reason,
@@ -92,10 +80,7 @@ void Model::comeDue(std::optional<Timer>& timer, const std::string& reason,
   if (!timer || timer->inLine || timer->due > now) return;
   timer->inLine = true;
   line.emplace_back([this, &timer, number = timer->number, reason, text] {
-    if (!timer || timer->number != number) return void(++coverage["expiry overtaken"]);
-    if (&timer == &lease) {
-      log.emplace_back("FanHelper: Fan lease expired — fail-safe restoring automatic");
-    }
+    if (!timer || timer->number != number) return void(++coverage.at("expiry overtaken"));
     audit(text);
     restore(reason);
   });
@@ -150,7 +135,8 @@ void Model::write(const Request& request) {
   }
   if (isTarget || value == 1) {
     forced.insert(*fan);
-    renew();
+    lease = Timer{now + 20s, ++timersMade};
+    if (!cap) cap = Timer{now + 1800s, ++timersMade};
   } else {
     forced.erase(*fan);
     if (forced.empty()) endPeriod();
@@ -167,27 +153,17 @@ std::string Model::statusReport() {
 
 void Model::restore(const std::string& reason) {
   if (!smcOpen) return;
-  ++coverage[reason];
-  std::multiset<std::string> owed;
-  for (const int fan : forced) owed.insert(modeKey(fan));
+  ++coverage.at(reason);
+  std::set<int> owed = forced;
   if (forced.empty()) {
     const int count = std::max<int>(1, fanCount().value_or(0));
-    for (int fan = 0; fan < count; ++fan) owed.insert(modeKey(fan));
+    for (int fan = 0; fan < count; ++fan) owed.insert(fan);
   }
-  while (!owed.empty()) {  // in whatever order the helper likes
-    auto next = seen.empty() ? owed.end() : owed.find(seen.front().call.key);
-    if (next == owed.end()) next = owed.begin();
-    writeMode(owed.extract(next).value(), 0);
-  }
+  for (const int fan : owed) writeMode("F" + std::to_string(fan) + "Md", 0);
   const std::string list = joined(forced, ", ");
   if (!forced.empty()) audit("restore → automatic (" + reason + "); fans=[" + list + "]");
   forced.clear();
   endPeriod();
-}
-
-void Model::renew() {
-  lease = Timer{now + 20s, ++timersMade};
-  if (!cap) cap = Timer{now + 1800s, ++timersMade};
 }
 
 std::optional<std::uint8_t> Model::fanCount() {
@@ -202,7 +178,7 @@ std::optional<std::uint8_t> Model::fanCount() {
 
 Model::Error Model::writeMode(const std::string& key, std::uint8_t mode) {
   const auto info = keyInfo(key);
-  if (!info) return "keyMissing";
+  if (!info || info->front() == 0 || info->front() > 32) return "keyMissing";
   Bytes payload(info->front());
   payload.back() = mode;
   return send(key, *info, payload);
@@ -247,7 +223,6 @@ void Model::reply(const Request& request, const std::string& answer) {
 
 ScriptedSMC::Call Model::expectCall(const Record& request) {
   const Deed deed = expect(describe(request));
-  require(deed.call.request == request, "zeros in the rest of the record", deed.text);
   if (deed.call.applied) std::copy_n(&request[48], 32, &keys.at(deed.call.key)[48]);
   pass(deed.took);
   if (deed.died) throw Died{};
@@ -259,9 +234,8 @@ Deed Model::expect(const std::string& text) {
   Deed deed = std::move(seen.front());
   seen.pop_front();
   // Of a line that the file system refuses only the attempt is seen.
-  const bool isUnread = deed.text == "audit" && (deed.died || !deed.recordable);
-  require(isUnread ? text.starts_with("audit ") : deed.text == text, text, deed.text);
-  if (deed.text == "audit" && deed.died) throw Died{};
+  const bool isRefused = deed.text == "audit" && !deed.isRecordable;
+  require(isRefused ? text.starts_with("audit ") : deed.text == text, text, deed.text);
   return deed;
 }
 

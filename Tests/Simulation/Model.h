@@ -9,11 +9,47 @@
 #include <set>
 #include <vector>
 
-#include "Simulation/Deeds.h"
+#include "Simulation/Simulation.h"
+#include "Support/ScriptedSMC.h"
 
 namespace quorvane::simulation {
 
-/// How a request to the SMC reads as a deed.
+struct Request {
+  enum class Kind : std::uint8_t { write, restore, status, ping };
+  Kind kind = Kind::write;
+  std::string key{};
+  std::int64_t value = 0;
+  bool isFloat = false;
+  int id = 0;
+};
+
+/// A call to the SMC, an audit line or a reply.
+struct Deed {
+  std::string text{};
+  /// Of a call.
+  ScriptedSMC::Call call{};
+  Time took{};
+  /// Of an audit line: the file system takes it.
+  bool isRecordable = true;
+  /// The process died: behind a call that was applied, else before it.
+  bool died = false;
+};
+
+/// The helper did something else than it should.
+struct Mismatch {
+  std::string expected, actual;
+};
+
+inline void require(bool good, const std::string& expected, const std::string& actual) {
+  if (!good) throw Mismatch{expected, actual};
+}
+
+/// The SMC answers a read of a value or of key information with what was asked for.
+inline bool isAnswer(const ScriptedSMC::Call& call) {
+  return call.status == KERN_SUCCESS && call.replySize >= 48 && call.reply[40] == 0;
+}
+
+/// How a request to the SMC reads as a deed: its key, and its bytes.
 std::string describe(const ScriptedSMC::Record& request);
 
 /// All that throws, throws Mismatch.
@@ -34,9 +70,7 @@ class Model {
   [[nodiscard]] std::vector<Time> deadlines() const;
 
   /// The machine as the helper must have left it; to be set at the beginning.
-  Keys keys;
-  /// What must have been logged.
-  std::vector<std::string> log;
+  std::map<std::string, ScriptedSMC::Record> keys;
   Time now{};
   bool isAlive = false;
 
@@ -53,7 +87,6 @@ class Model {
   void write(const Request& request);
   std::string statusReport();
   void restore(const std::string& reason);
-  void renew();
   void endPeriod() { lease = cap = std::nullopt; }
   void comeDue(std::optional<Timer>& timer, const std::string& reason, const std::string& text);
 

@@ -1,24 +1,30 @@
 // One run: the real service and the real HelperSMC on the virtual dispatch and a machine that fails
 // at random, with clients, signals, deaths and restarts, all drawn from one seed. After each event
-// what the helper did is held against the Model and the Promises. One run at a time.
+// what the helper did is held against the Model. One run at a time.
 #pragma once
 
-#include <deque>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
 
-#include "Simulation/Deeds.h"
+#include "Support/TemporaryRoot.h"
 
 namespace quorvane::simulation {
+
+using Time = std::chrono::nanoseconds;
+/// How often the runs came into each situation; 0 for one that could have come up and never did.
+using Coverage = std::map<std::string, std::uint64_t>;
 
 struct Outcome {
   Time simulated{};
   int deeds = 0;
   /// Of all that happened, but for the time of day.
   std::uint64_t hash = 14695981039346656037U;
-  /// The last lines of what happened.
-  std::deque<std::string> trace;
+  /// The last of what happened, and what should have; empty when the helper did what it should.
+  std::string failure;
 };
 
-/// The audit log lies below `root`, a folder. Throws Mismatch; `outcome` is told up to there.
-void simulate(std::uint64_t seed, const std::string& root, Coverage& coverage, Outcome& outcome);
+Outcome simulate(std::uint64_t seed, const TemporaryRoot& root, Coverage& coverage);
 
 }  // namespace quorvane::simulation

@@ -28,6 +28,13 @@ struct ScriptedSMC {
     std::size_t replySize = 80;
     Record reply{};
     bool applied = false;  // the key has the value of this write
+
+    [[nodiscard]] bool isFanMode() const { return isFanKey() && key.ends_with("Md"); }
+    /// Whether it is of one of the twenty keys.
+    [[nodiscard]] bool isFanKey() const {
+      return key[0] == 'F' && key[1] >= '0' && key[1] <= '9' &&
+             (key.ends_with("Md") || key.ends_with("Tg"));
+    }
   };
   struct Failure {
     kern_return_t status = KERN_SUCCESS;

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <deque>
 #include <functional>
-#include <iterator>
 #include <list>
 #include <map>
 
@@ -13,57 +13,44 @@
 
 namespace {
 
-struct VirtualQueue final : dispatch_queue_main_s {
+struct VirtualQueue final : dispatch_queue_s {
   bool runOne() {
     if (holds > 0 || blocks.empty()) return false;
-    const auto block = blocks.front();
+    const auto block = std::move(blocks.front());
     blocks.pop_front();
+    run(block);
+    return true;
+  }
+  void run(const std::function<void()>& block) {
     ++holds;
     block();
     --holds;
-    return true;
   }
 
-  std::list<std::function<void()>> blocks;
+  std::deque<std::function<void()>> blocks;
   int holds = 0;  // its suspension, and the block that it runs
-  bool released = false;
+  bool isReleased = false;
 };
 
-struct VirtualSource final : dispatch_source_s {
-  VirtualSource(VirtualQueue& target, int number) : queue(target), signal(number) {}
-  void fire() {
-    queue.blocks.emplace_back([this] { handler(context); });
-  }
-  void finalize() {
-    finalizer(context);
-    finalized = true;
-  }
+struct VirtualTimer final : dispatch_source_s {
+  explicit VirtualTimer(VirtualQueue& target) : queue(target) {}
 
   VirtualQueue& queue;
-  const int signal;  // 0 for a timer
   dispatch_function_t handler = nullptr;
   dispatch_function_t finalizer = nullptr;
   void* context = nullptr;
-  bool finalized = false;
 };
 
-/// Everything since a reset that is not released. What a block owns that never runs is not freed:
-/// that may be objects of the test, and they may still release theirs.
-struct World {
-  World* previous = nullptr;  // reachable, so that no leak is reported
-  uint64_t now = 0;
-  std::list<VirtualQueue> queues{1};  // the main queue first
-  std::list<VirtualSource> sources{};
-  std::multimap<dispatch_time_t, VirtualSource*> timers{};
-};
-World* world = new World;
+// Never freed: objects of a test may outlive those of a program.
+auto& queues = *new std::list<VirtualQueue>;
+auto& timers = *new std::multimap<dispatch_time_t, VirtualTimer*>;
+uint64_t clockTime = 0;
 
-void freeReleased() {
-  world->sources.remove_if(std::mem_fn(&VirtualSource::finalized));
-  world->queues.remove_if([](const VirtualQueue& queue) {
-    const auto targets = [&queue](const VirtualSource& source) { return &source.queue == &queue; };
-    return queue.released && queue.holds == 0 && queue.blocks.empty() &&
-           std::ranges::none_of(world->sources, targets);
+void runAll(bool (*runsOne)(VirtualQueue&)) {
+  while (std::ranges::any_of(queues, runsOne)) {
+  }
+  queues.remove_if([](const VirtualQueue& queue) {
+    return queue.isReleased && queue.holds == 0 && queue.blocks.empty();
   });
 }
 
@@ -72,79 +59,58 @@ void freeReleased() {
 namespace quorvane::virtualdispatch {
 
 void runUntilIdle() {
-  while (std::ranges::any_of(world->queues, &VirtualQueue::runOne)) {
-  }
-  freeReleased();
+  runAll([](VirtualQueue& queue) { return queue.runOne(); });
 }
 
 void advance(std::chrono::nanoseconds duration) {
-  const uint64_t end = world->now + static_cast<uint64_t>(duration.count());
-  const auto& timers = world->timers;
-  for (runUntilIdle(); world->now < end; runUntilIdle()) {
+  const uint64_t end = clockTime + static_cast<uint64_t>(duration.count());
+  for (runUntilIdle(); clockTime < end; runUntilIdle()) {
     const uint64_t next = timers.empty() ? end : std::min(end, timers.begin()->first);
-    elapse(std::chrono::nanoseconds(next - world->now));
+    elapse(std::chrono::nanoseconds(next - clockTime));
   }
 }
 
 void elapse(std::chrono::nanoseconds duration) {
-  world->now += static_cast<uint64_t>(duration.count());
-  auto& timers = world->timers;
-  const auto due = timers.upper_bound(world->now);
-  std::for_each(timers.begin(), due, [](const auto& entry) { entry.second->fire(); });
-  timers.erase(timers.begin(), due);
+  clockTime += static_cast<uint64_t>(duration.count());
+  while (!timers.empty() && timers.begin()->first <= clockTime) {
+    VirtualTimer* const timer = timers.extract(timers.begin()).mapped();
+    timer->queue.blocks.emplace_back([timer] { timer->handler(timer->context); });
+  }
 }
 
 std::chrono::nanoseconds now() {
-  return std::chrono::nanoseconds(world->now);
-}
-
-void deliverSignal(int signal) {
-  for (VirtualSource& source : world->sources) {
-    if (source.signal == signal) source.fire();
-  }
+  return std::chrono::nanoseconds(clockTime);
 }
 
 std::vector<std::chrono::nanoseconds> deadlines() {
   std::vector<std::chrono::nanoseconds> all;
-  for (const auto& [due, source] : world->timers) all.emplace_back(due);
+  for (const auto& [due, timer] : timers) all.emplace_back(due);
   return all;
 }
 
 void drain() {
-  const auto runsOne = [](VirtualQueue& queue) {
+  runAll([](VirtualQueue& queue) {
     queue.holds = 0;
     try {
       return queue.runOne();
     } catch (...) {
       return true;
     }
-  };
-  while (std::ranges::any_of(world->queues, runsOne)) {
-  }
-  freeReleased();
+  });
 }
 
 void reset() {
-  freeReleased();
-  World* const old = world;
-  const bool empty =
-      old->queues.size() == 1 && old->queues.front().blocks.empty() && old->sources.empty();
-  world = new World{.previous = empty ? old->previous : old};
-  if (empty) delete old;
+  drain();
+  clockTime = 0;
 }
 
 }  // namespace quorvane::virtualdispatch
 
 struct dispatch_source_type_s {};
 const dispatch_source_type_s _dispatch_source_type_timer;
-const dispatch_source_type_s _dispatch_source_type_signal;
 
 dispatch_queue_t dispatch_queue_create(const char* /*label*/, dispatch_queue_attr_t /*serial*/) {
-  return &world->queues.emplace_back();
-}
-
-dispatch_queue_main_t dispatch_get_main_queue() {
-  return &world->queues.front();
+  return &queues.emplace_back();
 }
 
 void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
@@ -153,40 +119,34 @@ void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t
 
 void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
   auto& own = static_cast<VirtualQueue&>(*queue);
-  dispatch_async_f(queue, context, work);
-  const auto last = std::prev(own.blocks.end());
-  auto left = own.blocks.size();
-  try {
-    for (; left > 0; --left) {
-      if (!own.runOne()) std::abort();
-    }
-  } catch (...) {
-    if (left > 1) own.blocks.erase(last);  // its context goes with the caller
-    throw;
+  for (auto ahead = own.blocks.size(); ahead > 0; --ahead) {
+    if (!own.runOne()) std::abort();
   }
+  if (own.holds > 0) std::abort();
+  own.run([=] { work(context); });
 }
 
-dispatch_source_t dispatch_source_create(dispatch_source_type_t /*type*/, uintptr_t handle,
+dispatch_source_t dispatch_source_create(dispatch_source_type_t /*timer*/, uintptr_t /*handle*/,
                                          uintptr_t /*mask*/, dispatch_queue_t queue) {
-  return &world->sources.emplace_back(static_cast<VirtualQueue&>(*queue), static_cast<int>(handle));
+  return new VirtualTimer(static_cast<VirtualQueue&>(*queue));
 }
 
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start,
                                uint64_t /*interval*/, uint64_t /*leeway*/) {
-  world->timers.emplace(start, static_cast<VirtualSource*>(source));
+  timers.emplace(start, static_cast<VirtualTimer*>(source));
   quorvane::virtualdispatch::elapse({});
 }
 
 void dispatch_source_set_event_handler_f(dispatch_source_t source, dispatch_function_t handler) {
-  static_cast<VirtualSource*>(source)->handler = handler;
+  static_cast<VirtualTimer*>(source)->handler = handler;
 }
 
 void dispatch_set_context(dispatch_object_t object, void* context) {
-  static_cast<VirtualSource*>(object)->context = context;
+  static_cast<VirtualTimer*>(object)->context = context;
 }
 
 void dispatch_set_finalizer_f(dispatch_object_t object, dispatch_function_t finalizer) {
-  static_cast<VirtualSource*>(object)->finalizer = finalizer;
+  static_cast<VirtualTimer*>(object)->finalizer = finalizer;
 }
 
 void dispatch_suspend(dispatch_object_t object) {
@@ -196,17 +156,19 @@ void dispatch_suspend(dispatch_object_t object) {
 void dispatch_resume(dispatch_object_t /*source*/) {}
 
 void dispatch_source_cancel(dispatch_source_t source) {
-  static_cast<VirtualSource*>(source)->handler = [](void*) {};
-  std::erase_if(world->timers, [source](const auto& entry) { return entry.second == source; });
+  static_cast<VirtualTimer*>(source)->handler = [](void*) {};
+  std::erase_if(timers, [source](const auto& entry) { return entry.second == source; });
 }
 
 void dispatch_release(dispatch_object_t object) {
-  if (auto* source = dynamic_cast<VirtualSource*>(object)) {
-    return source->queue.blocks.emplace_back([source] { source->finalize(); }), void();
-  }
-  static_cast<VirtualQueue*>(object)->released = true;
+  if (auto* queue = dynamic_cast<VirtualQueue*>(object)) return void(queue->isReleased = true);
+  auto* const timer = static_cast<VirtualTimer*>(object);
+  timer->queue.blocks.emplace_back([timer] {  // behind its handler
+    timer->finalizer(timer->context);
+    delete timer;
+  });
 }
 
 dispatch_time_t dispatch_time(dispatch_time_t when, int64_t delta) {
-  return quorvane::dispatch::timeAfter(when, delta, world->now);
+  return quorvane::dispatch::timeAfter(when, delta, clockTime);
 }
