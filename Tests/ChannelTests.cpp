@@ -72,6 +72,9 @@ struct Channel : testing::Test {
     listener.setDelegate(helper);
     ASSERT_EQ(listener.resume(), std::nullopt);
     ASSERT_TRUE(witness.enter() && peer.enter() && other.enter());
+    const std::string path = machServiceSocketPath(FanControlConstants::helperMachService);
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0666});
+    EXPECT_EQ(std::filesystem::status(path + ".lock").permissions(), std::filesystem::perms{0600});
   }
   /// Whatever an offender did, who behaves is served.
   void TearDown() override { EXPECT_TRUE(witness.ping()); }
@@ -114,8 +117,12 @@ TEST_F(Channel, AnythingUnexpectedEndsThatConnection) {
     offender.waitForCutOff();
   }
   EXPECT_TRUE(patient.send(echo) && patient.ping());
-  // From another process, and with descriptor 0 passed along.
-  if (fork() == 0) _exit(other.send(request) ? 0 : 1);
+  // From another process, to get in and afterwards; and with descriptor 0 passed along.
+  RawChannel borrowed;
+  ASSERT_TRUE(borrowed.connect());
+  echo = borrowed.responseToChallenge();
+  if (fork() == 0) _exit(borrowed.send(echo) && other.send(request) ? 0 : 1);
+  borrowed.waitForCutOff();
   other.waitForCutOff();
   EXPECT_GT(wait(nullptr), 0);
   iovec data{request.data(), request.size()};
@@ -162,12 +169,6 @@ TEST_F(Channel, PlacesInAdmissionAreBounded) {
   ASSERT_TRUE(last.connect() && tooMany.connect());
   EXPECT_FALSE(tooMany.receive());
   EXPECT_TRUE(last.send(last.responseToChallenge()) && last.ping());
-}
-
-TEST_F(Channel, RendezvousIsOpenToAllAndItsLockToTheOwner) {
-  const std::string path = machServiceSocketPath(FanControlConstants::helperMachService);
-  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0666});
-  EXPECT_EQ(std::filesystem::status(path + ".lock").permissions(), std::filesystem::perms{0600});
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <array>
 
-#include "Platform/Linux/XPC/CodeSignatureContent.h"
 #include "Support/SigningIdentity.h"
 #include "Support/TemporaryRoot.h"
 
@@ -37,7 +36,7 @@ TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
   // Each: words of the verdict, the signature, and a command that is run when all is in place.
   const std::array<std::string, 3> rows[] = {
       {"app of X4TQ8RW2ZN", root.issue(test::authority).issue().sign(lines)},
-      {"app of none", by({.organizationalUnits = {"X4TQ8RW2ZN", "B"}}), "codesign verify app"},
+      {"app of none", by({.units = "/OU=X4TQ8RW2ZN/OU=B"}), "codesign verify app"},
       {"has expired", by({.days = -1})},
       {"key too weak", by({.key = "rsa:1024"})},
       {"of CA cert", root.issue({.extensions = "basicConstraints=CA:TRUE"}).issue().sign(lines)},
@@ -68,18 +67,6 @@ TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
     const std::string verdict = verdictOn(folder.path("/app"));
     EXPECT_NE(verdict.find(words), std::string::npos) << words << "; found: " << verdict;
   }
-}
-
-TEST(CodeSignatureContent, HasOneText) {
-  const auto parse = CodeSignatureContent::parse;
-  const std::string id = "identifier: ", end = "\nsha256: " + std::string(64, 'f') + "\n";
-  EXPECT_TRUE(parse(id + "App.a-1\nsize: 18446744073709551615" + end));
-  EXPECT_FALSE(parse(id + "a_b\nsize: 1" + end));
-  EXPECT_FALSE(parse(id + std::string(256, 'a') + "\nsize: 1" + end));
-  const std::string size = id + "a\nsize: ";
-  for (const char* n : {"01", "1 ", "99999999999999999999"}) EXPECT_FALSE(parse(size + n + end));
-  EXPECT_FALSE(parse(size + "1\nsha256: " + std::string(63, 'f') + "\n"));
-  EXPECT_FALSE(parse(size + "1" + end + "\n"));
 }
 
 }  // namespace

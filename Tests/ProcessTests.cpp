@@ -21,6 +21,7 @@ struct Processes : testing::Test {
 
 TEST_F(Processes, ASessionOfTwoClientsUnderTheJournalsEyes) {
   const auto daemon = mac.start("QuorvaneFanHelper 2>$QUORVANE_ROOT/log");
+  mac.root.write("/sys/class/dmi/id/product_name", "read once");
   EXPECT_EQ(mac.sh("fanctl write F0Md 1"), "0:");
   EXPECT_EQ(mac.batch("write\tF1Tg\t2500\tfloat\nwrite\t\t1\nwrite\tF0Md\t7\nstatus\nping\n"),
             "true\nfalse\tRefused:  is not a fan-control key\nfalse\tBad mode value\n"
@@ -39,13 +40,16 @@ TEST_F(Processes, ASessionOfTwoClientsUnderTheJournalsEyes) {
 }
 
 TEST_F(Processes, BothSignalsAtOnceRestoreOnce) {
+  mac.root.write("/sys/class/dmi/id/product_name", "Mac\xFF\n");
   const auto daemon = mac.start();
   mac.batch("write\tF1Md\t1\n");
   daemon->signal(SIGSTOP);
   daemon->signal(SIGINT);
   daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->stop(SIGCONT), 0);
-  EXPECT_EQ(mac.audited(), started + "write F1Md=1\nrestore → automatic (shutdown); fans=[1]\n");
+  EXPECT_EQ(mac.audited(),
+            "helper 1.0.0 started; model=Mac\uFFFD fans=2\nwrite F1Md=1\n"
+            "restore → automatic (shutdown); fans=[1]\n");
 }
 
 TEST_F(Processes, TheServiceManagerIsToldAndNeverWaitedFor) {
@@ -59,10 +63,9 @@ TEST_F(Processes, TheServiceManagerIsToldAndNeverWaitedFor) {
     const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_EQ(bind(manager, place, length), 0);
     const auto told = [manager] {
-      std::string state(64, '\0');
-      state.resize(
-          static_cast<std::size_t>(std::max<ssize_t>(0, recv(manager, state.data(), 64, 0))));
-      return state;
+      char state[64] = {};
+      recv(manager, state, sizeof state - 1, 0);
+      return std::string(state);
     };
     setenv("NOTIFY_SOCKET", name.c_str(), 1);
     Process daemon("QuorvaneFanHelper");
@@ -83,12 +86,14 @@ TEST_F(Processes, TheServiceManagerIsToldAndNeverWaitedFor) {
   }
 }
 
-TEST_F(Processes, WithoutAnSMCItServesAndEndsAsUsual) {
-  mac.sh("rm $QUORVANE_ROOT/var/lib/quorvane/smc");
+TEST_F(Processes, WithoutAnSMCOrAModelItServesAndEndsAsUsual) {
+  mac.sh("rm $QUORVANE_ROOT/var/lib/quorvane/smc $QUORVANE_ROOT/sys/class/dmi/id/product_name");
   EXPECT_EQ(mac.sh("QuorvaneFanHelper --probe"), "1:SMC open failed: notOpen\n");
-  const auto daemon = mac.start();
+  const auto daemon = mac.start("QuorvaneFanHelper 2>$QUORVANE_ROOT/log");
   EXPECT_EQ(daemon->stop(SIGTERM), 0);
-  EXPECT_EQ(mac.audited(), "helper 1.0.0 started; model=Macmini9,1 fans=0\n");
+  EXPECT_EQ(mac.audited(), "helper 1.0.0 started; model=Unknown fans=0\n");
+  EXPECT_TRUE(
+      mac.root.read("/log").starts_with("com.quorvane.app FanHelper: SMC open failed: notOpen\n"));
 }
 
 TEST_F(Processes, ADaemonThatCannotServeEnds) {
@@ -109,7 +114,24 @@ TEST_F(Processes, ProbeReadsAndWritesNothing) {
             "0:fanCount=2\n"
             "Fan 0: Ac=1350 Tg=1350 Mn=1350 Mx=5900 Md=0\n"
             "Fan 1: Ac=1400 Tg=1400 Mn=1400 Mx=6000 Md=0\n");
-  EXPECT_EQ(mac.written() + mac.audited(), "");
+  EXPECT_EQ(mac.written() + mac.sh("ls $QUORVANE_ROOT/Library").front(), "2") << "no such folder";
+}
+
+TEST_F(Processes, FanctlRenewsUntilItIsStoppedAndRefusesAMalformedBatch) {
+  const auto daemon = mac.start();
+  Process force("fanctl force 0 2500");
+  mac.waitForWrites(5);  // the last of them a renewal
+  EXPECT_EQ(force.stop(SIGINT), 0);
+  EXPECT_EQ(mac.audited(),
+            started + "write F0Md=1\nwrite F0Tg=2500\nwrite F0Tg=2500\nwrite F0Md=0\n");
+  mac.sh("smcsim fail F0Tg result 200");
+  EXPECT_EQ(mac.sh("fanctl force 0 2500").front(), '1');
+  for (const std::string line : {"", "ping\t", "ping\r", "write F0Tg 0", "write\tF0Tg",
+                                 "write\tF0T\xFF\t0", "write\tF0Tg\t1.0", "write\tF0Tg\t0\tFloat",
+                                 "sleep\t", "sleep\t-1", "sleep\tinf", "sleep\t3600.1"}) {
+    mac.root.write("/batch", line + "\nping\n");
+    EXPECT_EQ(mac.sh("fanctl batch <$QUORVANE_ROOT/batch").front(), '2') << line;
+  }
 }
 
 TEST_F(Processes, FansThatTheKernelShowsGoBeforeTheSimulatedOnes) {
@@ -125,31 +147,66 @@ TEST_F(Processes, FansThatTheKernelShowsGoBeforeTheSimulatedOnes) {
 // The same session thrice: on a sound disk, on a full one, and on one that is read-only; where that
 // is permitted by mounts that only the daemon sees.
 TEST_F(Processes, WithoutRoomForTheAuditLogItDoesAllTheSame) {
-  setenv("LOGS", mac.root.prepare("/Library/Application Support/Quorvane").c_str(), 1);
+  setenv("LOGS", mac.root.prepare("/Library/Application Support/Quorvane/").c_str(), 1);
   const bool mayMount = mac.sh("unshare -m mount -t tmpfs none /tmp").front() == '0';
   RecordProperty("mounted", mayMount);
+  const std::string full =
+      mayMount ? "mount -t tmpfs none \"$LOGS\" -o size=4k; head -c 9k /dev/zero >\"$LOGS/fill\""
+               : "ln -s /dev/full \"$LOGS/fan-audit.log\"";
+  const std::string closed =
+      mayMount ? "mount -t tmpfs none \"$LOGS\" -o ro" : "rm -r \"$LOGS\"; >\"${LOGS%/}\"";
   std::vector<std::string> outcomes;
-  for (const std::string obstacle :
-       {"true",
-        mayMount
-            ? "mount -t tmpfs none \"$LOGS\" -o size=4k && ! head -c 9k /dev/zero >\"$LOGS/fill\""
-            : "ln -s /dev/full \"$LOGS/fan-audit.log\"",
-        mayMount ? "mount -t tmpfs none \"$LOGS\" -o ro" : "rmdir \"$LOGS\" && >\"$LOGS\""}) {
-    mac.sh("mkdir \"$LOGS\"");
+  for (const std::string& obstacle : {std::string("true"), full, closed}) {
+    mac.sh("rm -f \"$LOGS/fan-audit.log\"");
     mac.root.write("/var/lib/quorvane/smc.trace", "");
     const auto daemon = mac.start((mayMount ? "unshare -m sh -c '" : "sh -c '") + obstacle +
-                                  " && exec QuorvaneFanHelper'");
-    const std::string replies = mac.batch(
-        "write\tF0Md\t1\nwrite\tF1Tg\t1\nauto\nwrite\tFNum\t1\nwrite\tF0Md\t1\nwrite\tF1Md\t1"
-        "\n");
-    EXPECT_EQ(mac.modes(), "11");
+                                  "; exec QuorvaneFanHelper'");
+    const std::string replies =
+        mac.batch("write\tF0Md\t1\nwrite\tF1Tg\t1\nauto\nwrite\tFNum\t1\nwrite\tF1Md\t1\n");
+    EXPECT_EQ(mac.modes(), "01");
     EXPECT_EQ(daemon->stop(SIGTERM), 0);
     outcomes.push_back(replies + mac.written());
     EXPECT_EQ(outcomes.back(), outcomes.front()) << obstacle;
-    EXPECT_EQ(mac.modes(), "00");
     EXPECT_EQ(mac.sh("test -s \"$LOGS/fan-audit.log\"").front() == '0', outcomes.size() == 1);
-    mac.sh("rm -r \"$LOGS\"");
   }
+}
+
+// Killed at every point of a session at which it has to do with the hardware, which keeps its
+// state; the next one, the real one, has to put that right before it serves anybody.
+TEST(KillPoints, AfterACrashAnywhereAllFansAreAutomaticAtTheFirstReply) {
+  const SimulatedMac mac;
+  int point = 0, leftForced = 0;
+  for (;; ++point) {
+    mac.sh("smcsim set F0Md 01; smcsim set F1Md 01");  // as an earlier crash may have left it
+    const auto doomed = mac.start("env KILL_POINT=" + std::to_string(point) + " UnluckyHelper");
+    // Force by mode and target, renew, release, restore, and leave fans for the shutdown.
+    mac.batch(
+        "write\tF0Md\t1\nwrite\tF0Tg\t2500\tfloat\nwrite\tF1Md\t1\nwrite\tF1Tg\t2500\tfloat\n"
+        "write\tF0Tg\t2600\tfloat\nwrite\tF0Md\t0\nauto\nwrite\tF0Md\t1\nwrite\tF1Md\t1\n");
+    const int status = doomed->stop(SIGTERM);
+    if (status == 0) break;
+    ASSERT_EQ(status, 128 + SIGKILL) << point;
+    if (mac.modes() != "00") ++leftForced;
+    const auto next = mac.start();
+    EXPECT_EQ(mac.modes(), "00") << point;
+  }
+  EXPECT_EQ(mac.modes(), "00");
+  // Two for each call; the start has about seven, the requests eleven and the shutdown two.
+  EXPECT_GT(point, 30);
+  EXPECT_GT(leftForced, 20);
+}
+
+// To hold the hardware's file is to be a driver that does not answer.
+TEST(KillPoints, NobodyIsServedBeforeTheFansAreAutomatic) {
+  const SimulatedMac mac;
+  mac.sh("smcsim set F0Md 01; smcsim set F1Md 01");
+  std::optional<simulation::SMCFile> hardware(std::in_place);
+  ASSERT_EQ(mac.take(*hardware), 0);
+  const Process daemon("QuorvaneFanHelper");
+  for (int i = 0; i < 30; ++i) EXPECT_EQ(mac.sh("fanctl ping").front(), '3');
+  hardware.reset();
+  while (mac.sh("fanctl ping").front() != '0') continue;
+  EXPECT_EQ(mac.modes(), "00");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cassert>
+#include <regex>
 
 #include "Platform/Linux/XPC/CodeSignature.h"
 #include "Platform/Linux/XPC/CodeSignatureContent.h"
@@ -40,6 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     assert(signer->leafOrganizationalUnit == "X4TQ8RW2ZN");
   }
   const auto parsed = CodeSignatureContent::parse(input);
-  assert(!parsed || rendered(*parsed) == input);
+  static const std::regex text(
+      "identifier: [A-Za-z0-9.-]{1,255}\nsize: [0-9]{1,20}\nsha256: [0-9a-f]{64}\n");
+  assert(!parsed || (rendered(*parsed) == input && std::regex_match(input, text)));
   return 0;
 }

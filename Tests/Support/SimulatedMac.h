@@ -3,10 +3,14 @@
 // programs in the path.
 #pragma once
 
-#include <sys/types.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <memory>
-#include <string>
+#include <thread>
 
 #include "Platform/Linux/Drivers/SMCFile.h"
 #include "Support/SigningIdentity.h"
@@ -14,20 +18,41 @@
 
 namespace quorvane {
 
+/// A process's exit status, or 128 and the number of the signal that ended it.
+inline int exitStatus(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 /// A command that runs beside the test.
 class Process {
  public:
-  explicit Process(const std::string& command);
+  explicit Process(const std::string& command) : child(fork()) {
+    if (child != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // nothing outlives a test that is cut short
+    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+    _exit(127);
+  }
   /// Kills what still runs.
-  ~Process();
+  ~Process() {
+    if (child > 0) stop(SIGKILL);
+  }
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
-  void signal(int number) const;
-  [[nodiscard]] bool isRunning() const;
-  /// Sends a signal, or none for 0, and waits for the end. The exit status, or 128 and the number
-  /// of the signal that ended it.
-  int stop(int number);
+  void signal(int number) const { kill(child, number); }
+  [[nodiscard]] bool isRunning() const {
+    siginfo_t ending{};
+    const id_t id = static_cast<id_t>(child);
+    return waitid(P_PID, id, &ending, WEXITED | WNOHANG | WNOWAIT) == 0 && ending.si_pid == 0;
+  }
+  /// Sends a signal, or none for 0, and waits for the end. Its exit status.
+  int stop(int number) {
+    signal(number);
+    int status = 0;
+    waitpid(child, &status, 0);
+    child = -1;
+    return exitStatus(status);
+  }
 
  private:
   pid_t child;
@@ -35,31 +60,83 @@ class Process {
 
 class SimulatedMac {
  public:
-  SimulatedMac();
+  SimulatedMac() {
+    setenv("PATH", (root.path("/bin:") + PROGRAMS_FOLDER ":" + getenv("PATH")).c_str(), 1);
+    root.write("/sys/class/dmi/id/product_name", "Macmini9,1\n");
+    sh("smcsim create");
+    root.write("/var/lib/quorvane/smc.trace", "");
+    trusted.installAnchor(root.path(""));
+    install("fanctl");
+  }
 
   /// Runs a command to its end. Its status, a colon and what it wrote: "0:ok 1.0.0\n".
-  std::string sh(const std::string& command) const;
+  std::string sh(const std::string& command) const {
+    std::FILE* pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
+    std::string output;
+    for (int c; (c = std::getc(pipe)) != EOF;) output += static_cast<char>(c);
+    return std::to_string(exitStatus(pclose(pipe))) + ":" + output;
+  }
   /// What `fanctl batch` answers to these lines.
-  std::string batch(const std::string& lines) const;
+  std::string batch(const std::string& lines) const {
+    root.write("/batch", lines);
+    return sh("fanctl batch <$QUORVANE_ROOT/batch").substr(2);
+  }
   /// Copies one of our programs to where it can be signed as a companion, and signs it.
-  void install(const std::string& program) const;
+  void install(const std::string& program) const {
+    const std::string copy = root.prepare("/bin/" + program);
+    std::filesystem::copy(PROGRAMS_FOLDER "/" + program, copy);
+    trusted.issue().signExecutable(copy, "com.quorvane.app");
+  }
   /// Starts the daemon and returns once it answers, or has ended.
-  std::unique_ptr<Process> start(const std::string& command = "QuorvaneFanHelper") const;
+  std::unique_ptr<Process> start(const std::string& command = "QuorvaneFanHelper") const {
+    auto daemon = std::make_unique<Process>(command);
+    while (daemon->isRunning() && sh("fanctl ping").front() != '0') {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return daemon;
+  }
+
   /// The messages of the audit log, one a line, without timestamps.
-  std::string audited() const;
+  std::string audited() const {
+    return sh("cut -b 23- <\"$QUORVANE_ROOT/Library/Application Support/Quorvane/fan-audit.log\"")
+        .substr(2);
+  }
   /// The keys written to the SMC, with their data: "F0Md=00 F1Md=00 ".
-  std::string written() const;
+  std::string written() const {
+    return sh("awk '/^write/ { printf \"%s=%s \", $2, $6 }' "
+              "$QUORVANE_ROOT/var/lib/quorvane/*.trace")
+        .substr(2);
+  }
   /// Returns once as many writes are in the trace.
-  void waitForWrites(std::ptrdiff_t count) const;
-  /// The modes of the two fans, as the hardware has them: "01" with fan 1 forced. And when, since
-  /// boot, anything was written last.
-  std::string modes(std::chrono::nanoseconds* lastWrite = nullptr) const;
-  /// Waits until the modes change; how long after the last write before that they did, whenever it
-  /// was seen.
-  double secondsToRestore() const;
+  void waitForWrites(std::ptrdiff_t count) const {
+    while (std::ranges::count(written(), ' ') < count) std::this_thread::yield();
+  }
 
   /// Takes the hardware for as long as the file lives, which holds up everybody else.
-  int take(simulation::SMCFile& file) const;
+  int take(simulation::SMCFile& file) const {
+    const std::string path(simulation::smcPath);
+    return file.open(root.path(path), simulation::SMCFile::Access::read);
+  }
+  /// The modes of the two fans, as the hardware has them: "01" with fan 1 forced. And when, since
+  /// boot, anything was written last.
+  std::string modes(std::chrono::nanoseconds* lastWrite = nullptr) const {
+    simulation::SMCFile file;
+    take(file);
+    if (lastWrite != nullptr) *lastWrite = file.machine.changedAt;
+    const auto mode = [&](unsigned fan) {
+      return std::to_string(file.machine.find(simulation::fanKey(fan, "Md"))->data[0]);
+    };
+    return mode(0) + mode(1);
+  }
+  /// Waits until the modes change; how long after the last write before that they did, whenever it
+  /// was seen.
+  double secondsToRestore() const {
+    std::chrono::nanoseconds before{}, last{};
+    for (const std::string forced = modes(); modes(&last) == forced; before = last) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return std::chrono::duration<double>(last - before).count();
+  }
 
   TemporaryRoot root;
   test::SigningIdentity trusted = test::SigningIdentity::makeRoot();

@@ -1,14 +1,46 @@
+// The small stand-ins for what macOS has and Linux has not: texts, the model name, the log.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <os/log.h>
 #include <sys/socket.h>
+#include <sys/sysctl.h>
 #include <sys/un.h>
 
+#include "Platform/UTF8.h"
 #include "Support/TemporaryRoot.h"
 
 namespace quorvane {
+namespace {
 
 using namespace std::string_literals;
+
+TEST(Platform, EachMaximalSubpartOfInvalidUTF8BecomesOneReplacement) {
+  const std::string r = "\uFFFD", last = "\xDF\xBF\xEF\xBF\xBF\xF4\x8F\xBF\xBF";  // of each length
+  const std::pair<std::string, std::string> rows[] = {
+      {last, last},
+      {"a\x80\xBF", "a" + r + r},                                   // trail bytes alone
+      {"\xC0\xAF\xE0\x9F\xBF", r + r + r + r + r},                  // overlong
+      {"\xED\xA0\x80\xF4\x90\x80\x80", r + r + r + r + r + r + r},  // surrogate; past the last
+      {"\xF5\xFF", r + r},
+      {"\xF1\x80\xE1\x80\x80", r + "\u1000"},  // cut short by another character
+      {"x\xF0\x9F\x8C", "x" + r},              // and by the end
+  };
+  for (const auto& [text, replaced] : rows) {
+    EXPECT_EQ(replacingInvalidUTF8(text), replaced);
+    EXPECT_EQ(isValidUTF8(text), text == replaced) << replaced;
+  }
+}
+
+// The model of most machines is in every process test.
+TEST(Platform, TheModelMayComeFromTheDeviceTree) {
+  const TemporaryRoot root;
+  root.write("/proc/device-tree/model", "Apple MacBook Air (M2)\0"s);
+  root.write("/sys/class/dmi/id/product_name", "\n");
+  std::string text(50, '?');
+  std::size_t size = text.size();
+  sysctlbyname("hw.model", text.data(), &size, nullptr, 0);
+  EXPECT_EQ(text.substr(0, text.find('?')), "Apple MacBook Air (M2)\0"s);
+}
 
 std::string received(int descriptor) {
   std::string text(100000, '\0');
@@ -17,7 +49,7 @@ std::string received(int descriptor) {
 }
 
 // A message that waited for room would hold up this process for ever.
-TEST(OSLog, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
+TEST(Platform, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
   const TemporaryRoot root;
   sockaddr_un address{AF_UNIX, {}};
   root.prepare("/run/systemd/journal/socket").copy(address.sun_path, sizeof address.sun_path - 1);
@@ -27,7 +59,7 @@ TEST(OSLog, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
   const std::string most(1011, 'x');  // so that the bound cuts what follows
   os_log_error(log, "%{private}d%% of %%{x}\n%{public}s", 2, (most + "\u2014").c_str());
   EXPECT_EQ(received(journal), "MESSAGE\n\x01\x04\0\0\0\0\0\0"s + "2% of %{x}\n" + most +
-                                   "\uFFFD\nPRIORITY=3\nSYSLOG_IDENTIFIER=OSLogTests\n"
+                                   "\uFFFD\nPRIORITY=3\nSYSLOG_IDENTIFIER=PlatformTests\n"
                                    "SUBSYSTEM=com.quorvane.app\nCATEGORY=FanHelper\n");
   os_log(log, "short");
   EXPECT_TRUE(received(journal).starts_with("MESSAGE=short\nPRIORITY=5\n"));
@@ -49,4 +81,5 @@ TEST(OSLog, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
   dup2(saved, STDERR_FILENO);
 }
 
+}  // namespace
 }  // namespace quorvane
