@@ -1,0 +1,72 @@
+// fanctl force against a client and a clock of the test's own.
+#include <gtest/gtest.h>
+
+#include "Tools/FanctlForce.h"
+
+namespace quorvane {
+
+using namespace std::chrono_literals;
+
+/// What a session finds around it: a user who may stop it, a helper, the time.
+struct World {
+  std::chrono::nanoseconds stopTime = 24h, latency{};
+  std::string refusedKey{};
+  std::optional<StatusReport> report = StatusReport{{"fanCount", "2"}, {"forcedFans", "0"}};
+  std::chrono::nanoseconds time{};
+  std::string written{};
+} world;
+
+struct VirtualClock : fanctl::ForceClock {
+  Duration now() override { return world.time; }
+  bool stopRequestedBy(Duration deadline) override {
+    world.time = std::max(world.time, std::min(deadline, world.stopTime));
+    return world.time >= world.stopTime;
+  }
+};
+
+class FanControlClient::Implementation {};
+FanControlClient::FanControlClient() = default;
+FanControlClient::~FanControlClient() = default;
+const std::string& FanControlClient::error() const {
+  return world.refusedKey;
+}
+std::optional<std::string> FanControlClient::ping() {
+  return "ok";
+}
+std::optional<FanControlClient::Outcome> FanControlClient::restoreAuto() {
+  return Outcome{true, {}};
+}
+std::optional<StatusReport> FanControlClient::status() {
+  world.time += world.latency;
+  return world.report;
+}
+std::optional<FanControlClient::Outcome> FanControlClient::writeFanKey(const std::string& key,
+                                                                       std::int64_t value,
+                                                                       bool isFloat) {
+  world.time += world.latency;
+  world.written += std::to_string(world.time / 1s) + " " + key + "=" + std::to_string(value);
+  world.written += isFloat ? "f " : " ";
+  return Outcome{key != world.refusedKey, {}};
+}
+
+namespace fanctl {
+
+void expectSession(const World& start, ExitStatus status, const std::string& lastWrites) {
+  world = start;
+  FanControlClient client;
+  VirtualClock clock;
+  EXPECT_EQ(runForce(client, clock, {'0', 2500}), status);
+  EXPECT_TRUE(world.written.ends_with(lastWrites)) << world.written << " and not " << lastWrites;
+}
+
+TEST(Fanctl, ForceOpensOnePeriodAndGivesTheFanBack) {
+  expectSession({.stopTime = 12s}, done, "5 F0Tg=2500f 10 F0Tg=2500f 12 F0Md=0 ");
+  expectSession({}, done, "1785 F0Tg=2500f 1799 F0Md=0 ");
+  expectSession({.latency = 10s}, done, "1780 F0Tg=2500f 1809 F0Md=0 ");
+  expectSession({.refusedKey = "F0Tg"}, refused, "0 F0Md=1 0 F0Tg=2500f 0 F0Md=0 ");
+  expectSession({.report = {{{"forcedFans", "1"}}}}, refused, "0 F0Md=1 0 F0Tg=2500f ");
+  expectSession({.report = std::nullopt}, unreachable, "0 F0Md=1 0 F0Tg=2500f ");
+}
+
+}  // namespace fanctl
+}  // namespace quorvane
