@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <openssl/cms.h>
 #include <openssl/evp.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>

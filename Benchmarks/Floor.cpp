@@ -6,7 +6,6 @@
 
 #include <array>
 #include <condition_variable>
-#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <mutex>

@@ -2,7 +2,6 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <deque>
 #include <optional>
 #include <thread>

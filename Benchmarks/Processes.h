@@ -21,8 +21,8 @@ namespace quorvane::bench {
 using Clock = std::chrono::steady_clock;
 double microsecondsSince(Clock::time_point start);
 
-/// From now on this program, and what it starts, runs on this processor only; on all for -1. False
-/// when there is no such processor.
+/// From now on this program, and what it starts, runs on this processor only. False when there is
+/// no such processor.
 bool runOn(int processor);
 
 /// The threads of a process, as folders of proc(5).
