@@ -68,8 +68,8 @@ class World {
   bool isAuditPending = false, isRecordable = true;
 
   std::set<std::string> asked;
-  /// Mode keys to which this process has written 1, and neither 0 nor, because the SMC refused,
-  /// nothing since.
+  /// By mode key, when this process wrote 1 to it. Gone once it has tried to write 0, or could not
+  /// even try because the SMC refused it the key's information.
   std::map<std::string, Time> forcedSince;
   Time renewed{};
 };

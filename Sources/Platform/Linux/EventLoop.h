@@ -1,6 +1,6 @@
 // What dispatch sources wait for. One thread of the layer waits for the next deadline of all timers
 // on one timerfd, and for all signals on one signalfd, and puts the handlers onto their queues; it
-// runs none itself, and with no timer due and no signal it never wakes. Callable from any thread.
+// runs none itself, and with no timer set and no signal it never wakes. Callable from any thread.
 #pragma once
 
 #include <dispatch/dispatch.h>
