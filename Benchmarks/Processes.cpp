@@ -88,7 +88,7 @@ void Program::waitForLine(std::string_view text) {
       continue;
     }
     std::array<char, 512> bytes{};
-    const ssize_t count = read(output(), bytes.data(), bytes.size());
+    const ssize_t count = read(standardError.get(), bytes.data(), bytes.size());
     if (count <= 0) fail("a program ended before it said: " + std::string(text));
     unread.append(bytes.data(), static_cast<std::size_t>(count));
   }

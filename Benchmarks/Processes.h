@@ -52,8 +52,6 @@ class Program {
   int stop(int signal);
 
   [[nodiscard]] pid_t pid() const { return child; }
-  /// Where its standard error can be read.
-  [[nodiscard]] int output() const { return standardError.get(); }
 
  private:
   pid_t child = -1;
