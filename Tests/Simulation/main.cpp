@@ -85,11 +85,12 @@ int main(int argc, char** argv) {
                   {"--hours", unlimited}};
   for (int i = 1; i < argc; i += 2) {
     const auto option = options.find(argv[i]);
-    if (option == options.end() || i + 1 == argc) {
+    char* end = nullptr;
+    if (option != options.end() && i + 1 < argc) option->second = strtoull(argv[i + 1], &end, 0);
+    if (end == nullptr || *end != '\0') {
       std::cerr << "usage: simulation [--seed FIRST] [--runs N] [--seconds N] [--hours N]\n";
       return badUsage;
     }
-    option->second = std::strtoull(argv[i + 1], nullptr, 0);
   }
   return run(argv[0], options);
 }
