@@ -28,6 +28,14 @@ std::string timestamp() {
   return text;
 }
 
+/// One call where the folder is there, as it is for all lines but the first.
+void makeFolder(const std::string& path) {
+  constexpr mode_t defaultPermissions = 0777;  // subject to the umask
+  if (::mkdir(path.c_str(), defaultPermissions) == 0 || errno != ENOENT) return;
+  std::error_code ignored;
+  std::filesystem::create_directories(path, ignored);
+}
+
 void writeAll(int file, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t count = ::write(file, bytes.data(), bytes.size());
@@ -64,11 +72,8 @@ void writeNew(const std::string& path, std::string_view line) {
 void audit(std::string_view message) {
   const std::string line = timestamp().append("  ").append(message).append("\n");
   const std::string path = systemPath(FanControlConstants::auditLogPath);
-  // A file that opens lies in its folder, so there is none to make.
-  if (appendToExisting(path, line)) return;
-  std::error_code ignored;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-  writeNew(path, line);
+  makeFolder(path.substr(0, path.rfind('/')));
+  if (!appendToExisting(path, line)) writeNew(path, line);
 }
 
 }  // namespace quorvane
