@@ -15,7 +15,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "Platform/Linux/XPC/Wire.h"
+#include "Platform/Linux/Channel/Wire.h"
 
 namespace quorvane::bench {
 

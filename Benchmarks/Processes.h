@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Linux/XPC/Socket.h"
+#include "Platform/Linux/Channel/Socket.h"
 
 namespace quorvane::bench {
 

@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "FanControlClient/FanControlClient.h"
-#include "Platform/Linux/XPC/Connection.h"
-#include "Platform/Linux/XPC/PeerIdentity.h"
+#include "Platform/Linux/Channel/Connection.h"
+#include "Platform/Linux/CodeSigning/PeerIdentity.h"
 #include "Support/RawChannel.h"
 #include "Support/TemporaryRoot.h"
 

@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/CodeSignature.h"
+#include "Platform/Linux/CodeSigning/CodeSignature.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

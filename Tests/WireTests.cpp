@@ -1,6 +1,6 @@
 // What the helper and its companions have to agree on: the bytes between them, and the texts that
 // installed ones and their signatures depend on, spelt out whole.
-#include "Platform/Linux/XPC/Wire.h"
+#include "Platform/Linux/Channel/Wire.h"
 
 #include <gtest/gtest.h>
 

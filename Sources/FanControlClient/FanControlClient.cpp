@@ -9,8 +9,8 @@
 #include <variant>
 #include <vector>
 
-#include "Platform/Linux/XPC/Socket.h"
-#include "Platform/Linux/XPC/Wire.h"
+#include "Platform/Linux/Channel/Socket.h"
+#include "Platform/Linux/Channel/Wire.h"
 
 namespace quorvane {
 

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <list>
 
-#include "Platform/Linux/XPC/Exporter.h"
-#include "Platform/Linux/XPC/Wire.h"
+#include "Platform/Linux/Channel/Exporter.h"
+#include "Platform/Linux/Channel/Wire.h"
 #include "QuorvaneFanHelper/FanHelperService.h"
 #include "Support/ScriptedSMC.h"
 #include "Support/TemporaryRoot.h"

@@ -1,7 +1,7 @@
 // Fuzzes the evaluation of requirements against one that goes another way: it makes a form of the
 // text, in which + is a term that holds and - one that does not, and rewrites that until it is one
 // of the two, or stuck because it is not of the language.
-#include "Platform/Linux/XPC/CodeRequirement.h"
+#include "Platform/Linux/CodeSigning/CodeRequirement.h"
 
 #include <algorithm>
 #include <cassert>

@@ -5,8 +5,8 @@
 #include <cassert>
 #include <regex>
 
-#include "Platform/Linux/XPC/CodeSignature.h"
-#include "Platform/Linux/XPC/CodeSignatureContent.h"
+#include "Platform/Linux/CodeSigning/CodeSignature.h"
+#include "Platform/Linux/CodeSigning/CodeSignatureContent.h"
 #include "Support/TemporaryRoot.h"
 
 using namespace quorvane;

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "Platform/Linux/XPC/Socket.h"
-#include "Platform/Linux/XPC/Wire.h"
+#include "Platform/Linux/Channel/Socket.h"
+#include "Platform/Linux/Channel/Wire.h"
 
 namespace quorvane::test {
 

@@ -9,7 +9,7 @@
 #include <list>
 #include <map>
 
-#include "Platform/Linux/DispatchTime.h"
+#include "Platform/Linux/Dispatch/DispatchTime.h"
 
 namespace {
 

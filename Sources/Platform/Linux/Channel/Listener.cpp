@@ -9,10 +9,10 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Linux/Channel/Connection.h"
+#include "Platform/Linux/Channel/Rendezvous.h"
 #include "Platform/Linux/DetachedThread.h"
 #include "Platform/Linux/ServiceManager.h"
-#include "Platform/Linux/XPC/Connection.h"
-#include "Platform/Linux/XPC/Rendezvous.h"
 #include "Platform/XPC.h"
 
 namespace quorvane::xpc {

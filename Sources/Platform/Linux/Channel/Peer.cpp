@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/Peer.h"
+#include "Platform/Linux/Channel/Peer.h"
 
 #include <fcntl.h>
 #include <poll.h>

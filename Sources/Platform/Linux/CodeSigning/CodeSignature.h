@@ -7,7 +7,7 @@
 #include <string>
 #include <variant>
 
-#include "Platform/Linux/XPC/CodeRequirement.h"
+#include "Platform/Linux/CodeSigning/CodeRequirement.h"
 
 namespace quorvane::xpc {
 

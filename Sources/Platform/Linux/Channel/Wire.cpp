@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/Wire.h"
+#include "Platform/Linux/Channel/Wire.h"
 
 #include <algorithm>
 #include <set>

@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/SmallFile.h"
+#include "Platform/Linux/CodeSigning/SmallFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -12,7 +12,7 @@
 #include <mutex>
 #include <vector>
 
-#include "Platform/Linux/SerialQueue.h"
+#include "Platform/Linux/Dispatch/SerialQueue.h"
 
 namespace quorvane::dispatch {
 

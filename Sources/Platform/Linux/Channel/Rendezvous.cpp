@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/Rendezvous.h"
+#include "Platform/Linux/Channel/Rendezvous.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

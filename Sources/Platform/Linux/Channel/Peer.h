@@ -5,7 +5,7 @@
 
 #include <sys/types.h>
 
-#include "Platform/Linux/XPC/Socket.h"
+#include "Platform/Linux/Channel/Socket.h"
 
 namespace quorvane::xpc {
 

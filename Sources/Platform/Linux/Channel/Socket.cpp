@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/Socket.h"
+#include "Platform/Linux/Channel/Socket.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>

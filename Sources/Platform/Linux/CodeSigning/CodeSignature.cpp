@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/CodeSignature.h"
+#include "Platform/Linux/CodeSigning/CodeSignature.h"
 
 #include <fcntl.h>
 #include <openssl/cms.h>
@@ -20,8 +20,8 @@
 #include <utility>
 #include <vector>
 
-#include "Platform/Linux/XPC/CodeSignatureContent.h"
-#include "Platform/Linux/XPC/SmallFile.h"
+#include "Platform/Linux/CodeSigning/CodeSignatureContent.h"
+#include "Platform/Linux/CodeSigning/SmallFile.h"
 #include "Platform/SystemPath.h"
 #include "Platform/UTF8.h"
 

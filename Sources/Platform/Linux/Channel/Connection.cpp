@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/Connection.h"
+#include "Platform/Linux/Channel/Connection.h"
 
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -12,11 +12,11 @@
 #include <span>
 #include <string_view>
 
+#include "Platform/Linux/Channel/Exporter.h"
+#include "Platform/Linux/Channel/Peer.h"
+#include "Platform/Linux/Channel/Wire.h"
+#include "Platform/Linux/CodeSigning/PeerIdentity.h"
 #include "Platform/Linux/DetachedThread.h"
-#include "Platform/Linux/XPC/Exporter.h"
-#include "Platform/Linux/XPC/Peer.h"
-#include "Platform/Linux/XPC/PeerIdentity.h"
-#include "Platform/Linux/XPC/Wire.h"
 
 namespace quorvane::xpc {
 namespace {

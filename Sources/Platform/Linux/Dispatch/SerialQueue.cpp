@@ -1,4 +1,4 @@
-#include "Platform/Linux/SerialQueue.h"
+#include "Platform/Linux/Dispatch/SerialQueue.h"
 
 #include <sys/prctl.h>
 

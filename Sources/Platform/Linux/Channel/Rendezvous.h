@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "Platform/Linux/XPC/Socket.h"
+#include "Platform/Linux/Channel/Socket.h"
 
 namespace quorvane::xpc {
 

@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <typeinfo>
 
-#include "Platform/Linux/DispatchTime.h"
-#include "Platform/Linux/EventLoop.h"
-#include "Platform/Linux/SerialQueue.h"
+#include "Platform/Linux/Dispatch/DispatchTime.h"
+#include "Platform/Linux/Dispatch/EventLoop.h"
+#include "Platform/Linux/Dispatch/SerialQueue.h"
 
 using namespace quorvane::dispatch;
 

@@ -1,4 +1,4 @@
-#include "Platform/Linux/EventLoop.h"
+#include "Platform/Linux/Dispatch/EventLoop.h"
 
 #include <signal.h>
 #include <sys/epoll.h>

@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/Exporter.h"
+#include "Platform/Linux/Channel/Exporter.h"
 
 #include <array>
 #include <cstdint>
@@ -7,7 +7,7 @@
 #include <utility>
 #include <variant>
 
-#include "Platform/Linux/XPC/Wire.h"
+#include "Platform/Linux/Channel/Wire.h"
 
 namespace quorvane::xpc {
 

@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/CodeSignatureContent.h"
+#include "Platform/Linux/CodeSigning/CodeSignatureContent.h"
 
 #include <charconv>
 #include <system_error>

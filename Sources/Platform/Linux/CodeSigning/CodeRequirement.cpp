@@ -1,4 +1,4 @@
-#include "Platform/Linux/XPC/CodeRequirement.h"
+#include "Platform/Linux/CodeSigning/CodeRequirement.h"
 
 #include <algorithm>
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <utility>
 
-#include "Platform/Linux/XPC/Places.h"
-#include "Platform/Linux/XPC/Socket.h"
+#include "Platform/Linux/Channel/Places.h"
+#include "Platform/Linux/Channel/Socket.h"
 #include "Platform/XPC.h"
 
 namespace quorvane::xpc {

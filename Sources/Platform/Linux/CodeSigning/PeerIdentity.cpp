@@ -1,9 +1,9 @@
-#include "Platform/Linux/XPC/PeerIdentity.h"
+#include "Platform/Linux/CodeSigning/PeerIdentity.h"
 
 #include <variant>
 
-#include "Platform/Linux/XPC/CodeRequirement.h"
-#include "Platform/Linux/XPC/CodeSignature.h"
+#include "Platform/Linux/CodeSigning/CodeRequirement.h"
+#include "Platform/Linux/CodeSigning/CodeSignature.h"
 
 namespace quorvane::xpc {
 
