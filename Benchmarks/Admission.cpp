@@ -41,7 +41,7 @@ void hash(int file) {
 double hashAndVerify(const std::string& executable) {
   std::ifstream file(executable + ".codesign", std::ios::binary);
   const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-  const xpc::Descriptor opened(open(executable.c_str(), O_RDONLY | O_CLOEXEC));
+  const Descriptor opened(open(executable.c_str(), O_RDONLY | O_CLOEXEC));
   const auto start = Clock::now();
   hash(opened.get());
   const void* const first = bytes.data();

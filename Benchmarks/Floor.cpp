@@ -108,22 +108,22 @@ int serveAsFloor(const std::vector<std::string>& arguments) {
 
 namespace {
 
-std::vector<xpc::Descriptor> connect(int clients, std::vector<Channel>& channels) {
-  std::vector<xpc::Descriptor> served;
+std::vector<Descriptor> connect(int clients, std::vector<Channel>& channels) {
+  std::vector<Descriptor> served;
   for (int i = 0; i < clients; ++i) {
     std::array<int, 2> pair{};
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0) fail("no pair");
     const int on = 1;
     setsockopt(pair[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-    channels.emplace_back(xpc::Descriptor(pair[0]));
+    channels.emplace_back(Descriptor(pair[0]));
     served.emplace_back(pair[1]);
   }
   return served;
 }
 
-std::vector<int> numbersOf(const std::vector<xpc::Descriptor>& descriptors) {
+std::vector<int> numbersOf(const std::vector<Descriptor>& descriptors) {
   std::vector<int> numbers;
-  for (const xpc::Descriptor& descriptor : descriptors) numbers.push_back(descriptor.get());
+  for (const Descriptor& descriptor : descriptors) numbers.push_back(descriptor.get());
   return numbers;
 }
 

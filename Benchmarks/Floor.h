@@ -22,7 +22,7 @@ struct Floor {
         std::vector<std::string> wrapper = {});
 
   std::vector<Channel> channels;
-  std::vector<xpc::Descriptor> served;  // the other ends, until the server has them
+  std::vector<Descriptor> served;  // the other ends, until the server has them
   Program server;
 };
 

@@ -29,7 +29,7 @@ class Timer {
 
  private:
   Clock::time_point start;
-  xpc::Descriptor descriptor{timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC)};
+  Descriptor descriptor{timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC)};
 };
 
 /// A helper with a lease, counted from before the write is sent.

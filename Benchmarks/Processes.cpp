@@ -71,7 +71,7 @@ Program::Program(const std::vector<std::string>& command, const std::string& roo
     _exit(127);
   }
   close(ends[1]);
-  standardError = xpc::Descriptor(ends[0]);
+  standardError = Descriptor(ends[0]);
 }
 
 Program::~Program() {
@@ -109,7 +109,7 @@ int Program::stop(int signal) {
 Channel Channel::enter(const std::string& root) {
   const auto address = xpc::socketAddress(root + "/run/quorvane/" +
                                           std::string(FanControlConstants::helperMachService));
-  xpc::Descriptor connected(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  Descriptor connected(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!address || ::connect(connected.get(), reinterpret_cast<const sockaddr*>(&*address),
                             sizeof *address) != 0) {
     fail("cannot connect");

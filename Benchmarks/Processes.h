@@ -55,14 +55,14 @@ class Program {
 
  private:
   pid_t child = -1;
-  xpc::Descriptor standardError;
+  Descriptor standardError;
   std::string unread;
 };
 
 /// The client's end of a channel, or of a floor that stands in for one.
 class Channel {
  public:
-  explicit Channel(xpc::Descriptor connected) : socket(std::move(connected)) {}
+  explicit Channel(Descriptor connected) : socket(std::move(connected)) {}
 
   /// Connects, proves to read, and is answered a ping.
   static Channel enter(const std::string& root);
@@ -76,7 +76,7 @@ class Channel {
   [[nodiscard]] int descriptor() const { return socket.get(); }
 
  private:
-  xpc::Descriptor socket;
+  Descriptor socket;
   char buffer[1024];
   std::size_t size = 0;
 };

@@ -31,6 +31,11 @@ TEST(AuditLog, AppendsLinesWithTheTimeInUTC) {
   audit("next — \x01");
   EXPECT_EQ(root.read(path).erase(12, stampLength), "no line feed  next — \x01\n");
   EXPECT_EQ(std::filesystem::status(log).permissions(), perms{0600}) << "as it was found";
+
+  std::filesystem::rename(log, log + ".1");
+  std::filesystem::create_symlink("elsewhere", log);
+  audit("through a link that leads nowhere");
+  EXPECT_TRUE(root.read(path).ends_with("nowhere\n"));
 }
 
 }  // namespace quorvane

@@ -51,7 +51,7 @@ class FanControlClient::Implementation {
   /// Every failure is the end of the connection: an answer that comes too late must not be taken
   /// for that of a later call. Always false.
   bool fail(std::string reason) {
-    connection = xpc::Descriptor();
+    connection = Descriptor();
     error = std::move(reason);
     return false;
   }
@@ -64,7 +64,7 @@ class FanControlClient::Implementation {
     const std::string path = xpc::machServiceSocketPath(FanControlConstants::helperMachService);
     const auto address = xpc::socketAddress(path);
     if (!address) return fail("the path is too long for a socket: " + path);
-    connection = xpc::Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    connection = Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!connection) return failWithError("cannot make a socket", errno);
     const ssize_t result = untilDone(SO_SNDTIMEO, deadline, [&] {
       return ::connect(connection.get(), reinterpret_cast<const sockaddr*>(&*address),
@@ -144,7 +144,7 @@ class FanControlClient::Implementation {
                 " seconds");
   }
 
-  xpc::Descriptor connection;
+  Descriptor connection;
   std::uint32_t lastCall = 0;
 };
 

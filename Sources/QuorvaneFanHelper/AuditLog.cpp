@@ -10,6 +10,7 @@
 #include <string>
 #include <system_error>
 
+#include "Platform/File.h"
 #include "Platform/SystemPath.h"
 #include "QRVFanShared/FanControlXPC.h"
 
@@ -36,33 +37,20 @@ void makeFolder(const std::string& path) {
   std::filesystem::create_directories(path, ignored);
 }
 
-void writeAll(int file, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::write(file, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return;
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-  }
-}
-
 /// False when there is no file that can be opened; a line that could not be written to an open one
 /// is lost.
 bool appendToExisting(const std::string& path, std::string_view line) {
-  // Not blocking, so that a fifo in the file's place cannot hold up the fans.
-  const int file = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
-  if (file < 0) return false;
-  if (::lseek(file, 0, SEEK_END) >= 0) writeAll(file, line);
-  ::close(file);
+  const Descriptor file = openFile(path, O_WRONLY);
+  if (!file) return false;
+  if (::lseek(file.get(), 0, SEEK_END) >= 0) writeAll(file.get(), line);
   return true;
 }
 
 void writeNew(const std::string& path, std::string_view line) {
-  // Exclusive, so that a file which exists but cannot be opened is never truncated.
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, filePermissions);
-  if (file >= 0) {
-    writeAll(file, line);
-    ::close(file);
-  }
+  // Not truncated: what could not be opened a moment ago may be there by now. Not exclusive: a link
+  // that leads nowhere yet gets its file.
+  const Descriptor file = openFile(path, O_WRONLY | O_CREAT | O_APPEND, filePermissions);
+  if (file) writeAll(file.get(), line);
   // Whether or not that worked; the mode given above is subject to the umask.
   ::chmod(path.c_str(), filePermissions);
 }

@@ -51,7 +51,7 @@ struct RawChannel {
     return xpc::decodeReply(receive().value_or(""), operation.reply).has_value();
   }
 
-  xpc::Descriptor socket{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
+  Descriptor socket{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
 };
 
 }  // namespace quorvane::test

@@ -21,6 +21,7 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/File.h"
 #include "Platform/SystemPath.h"
 #include "Platform/UTF8.h"
 
@@ -41,9 +42,9 @@ constexpr std::size_t maxMessageBytes = 1024;
 void fillStandardDescriptors() {
   int descriptor = -1;
   do {
-    descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+    descriptor = open("/dev/null", O_RDWR | O_CLOEXEC | O_NOCTTY);
   } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-  if (descriptor >= 0) close(descriptor);
+  const Descriptor superfluous(descriptor);
 }
 
 /// "%{public}s" is "%s" to printf. "%%" ahead of a brace is a percent sign and no annotation.
@@ -95,13 +96,9 @@ bool sendToJournal(const std::string& datagram) {
   if (path.size() >= sizeof address.sun_path) return false;
   std::memcpy(address.sun_path, path.data(), path.size());
 
-  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (descriptor < 0) return false;
-  const ssize_t sent =
-      sendto(descriptor, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-             reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  close(descriptor);
-  return sent >= 0;
+  const Descriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  return sendto(journal.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                reinterpret_cast<const sockaddr*>(&address), sizeof address) >= 0;
 }
 
 /// The line, or nothing when it cannot be taken at once. poll(2) would not do: it calls a terminal
@@ -118,12 +115,9 @@ void writeToStandardError(std::string_view line) {
   }
   // A file is written through its shared offset. No reader can hold it up.
   const bool isFile = S_ISREG(status.st_mode);
-  const int descriptor =
-      isFile ? STDERR_FILENO
-             : open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (descriptor < 0) return;
-  [[maybe_unused]] const ssize_t written = write(descriptor, line.data(), line.size());
-  if (!isFile) close(descriptor);
+  const Descriptor reopened = isFile ? Descriptor() : openFile("/proc/self/fd/2", O_WRONLY);
+  [[maybe_unused]] const ssize_t written =
+      write(isFile ? STDERR_FILENO : reopened.get(), line.data(), line.size());
 }
 
 }  // namespace

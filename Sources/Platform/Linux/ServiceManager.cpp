@@ -2,11 +2,12 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+
+#include "Platform/File.h"
 
 namespace quorvane {
 
@@ -22,11 +23,9 @@ void notifyServiceManager(std::string_view state) {
   if (name.front() == '@') address.sun_path[0] = '\0';
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
 
-  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (descriptor < 0) return;
-  sendto(descriptor, state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+  const Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sendto(manager.get(), state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
          reinterpret_cast<const sockaddr*>(&address), length);
-  close(descriptor);
 }
 
 }  // namespace quorvane

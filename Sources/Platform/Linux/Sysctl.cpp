@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/File.h"
 #include "Platform/SystemPath.h"
 
 namespace quorvane {
@@ -24,14 +25,13 @@ constexpr std::size_t maxModelBytes = 4096;
 /// The file's text without the line feed that sysfs adds and the NUL that the device tree adds;
 /// empty when there is none. One read(2) yields the whole of such a file.
 std::string readFirmwareText(std::string_view path) {
-  const int descriptor = open(systemPath(path).c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) return {};
+  const Descriptor file = openFile(systemPath(path), O_RDONLY);
+  if (!file) return {};
   std::array<char, maxModelBytes> buffer{};
   ssize_t count = 0;
   do {
-    count = read(descriptor, buffer.data(), buffer.size());
+    count = read(file.get(), buffer.data(), buffer.size());
   } while (count < 0 && errno == EINTR);
-  close(descriptor);
 
   std::string_view text(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
   constexpr std::string_view padding("\n\0", 2);

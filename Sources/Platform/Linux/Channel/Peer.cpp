@@ -33,9 +33,8 @@ Peer::Peer(int socket) {
 
 Descriptor Peer::openExecutable() const {
   const std::string path = "/proc/" + std::to_string(pid);
-  const Descriptor folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  // Not blocking, so that a lease on the file cannot hold up the connection.
-  Descriptor executable(openat(folder.get(), "exe", O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const Descriptor folder = openFile(path, O_PATH | O_DIRECTORY);
+  Descriptor executable = openFileAt(folder.get(), "exe", O_RDONLY);
   // After the opening: a process that is in our namespaces then has never been in others.
   const bool isGenuine = isSameFile(folder.get(), "ns/user", "/proc/self/ns/user") &&
                          isSameFile(folder.get(), "ns/pid", "/proc/self/ns/pid") &&

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <set>
+#include <map>
 #include <system_error>
 
 #include "Platform/XPC.h"
@@ -51,22 +51,20 @@ std::optional<Obstacle> makeFolder(const std::filesystem::path& folder) {
 /// Holds the lock of the name until the process ends; again does nothing.
 std::optional<Obstacle> holdLock(const std::string& name) {
   // Never freed: there is no need to, and nothing then depends on the order of destruction.
-  static auto& held = *new std::set<std::string>;
+  static auto& held = *new std::map<std::string, Descriptor>;
   if (held.contains(name)) return std::nullopt;
 
   const std::string path = machServiceSocketPath(name) + ".lock";
   if (auto failure = makeFolder(std::filesystem::path(path).parent_path())) return failure;
-  const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, lockMode);
-  if (lock < 0) return obstacle("cannot open ", path);
-  if (flock(lock, LOCK_EX | LOCK_NB) == 0) {
-    // The descriptor stays open, and with it the lock, which the kernel takes back at the end.
-    held.insert(name);
+  Descriptor lock = openFile(path, O_RDWR | O_CREAT | O_NOFOLLOW, lockMode);
+  if (!lock) return obstacle("cannot open ", path);
+  if (flock(lock.get(), LOCK_EX | LOCK_NB) == 0) {
+    // The kernel takes the lock back at the end.
+    held.emplace(name, std::move(lock));
     return std::nullopt;
   }
-  const int error = errno;
-  close(lock);
-  if (error == EWOULDBLOCK) return Obstacle{"another process serves " + name, /*isServed=*/true};
-  return obstacle("cannot lock ", path, error);
+  if (errno == EWOULDBLOCK) return Obstacle{"another process serves " + name, /*isServed=*/true};
+  return obstacle("cannot lock ", path);
 }
 
 }  // namespace

@@ -2,17 +2,12 @@
 
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <cstring>
 
 #include "Platform/SystemPath.h"
 
 namespace quorvane::xpc {
-
-Descriptor::~Descriptor() {
-  if (value >= 0) close(value);
-}
 
 std::string machServiceSocketPath(std::string_view name) {
   return systemPath("/run/quorvane/").append(name);

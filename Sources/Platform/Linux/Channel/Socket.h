@@ -1,5 +1,5 @@
-// What both ends of the channel need of sockets: an owned descriptor, the address at which a
-// service is met, and waits that end at a deadline. Callable from any thread.
+// What both ends of the channel need of sockets: the address at which a service is met, and waits
+// that end at a deadline. Callable from any thread.
 #pragma once
 
 #include <sys/un.h>
@@ -8,30 +8,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
+
+#include "Platform/File.h"
 
 namespace quorvane::xpc {
-
-/// A file descriptor and the duty to close it.
-class Descriptor {
- public:
-  Descriptor() = default;
-  explicit Descriptor(int descriptor) : value(descriptor) {}
-  Descriptor(Descriptor&& other) noexcept : value(std::exchange(other.value, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(value, other.value);
-    return *this;
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor();
-
-  [[nodiscard]] int get() const { return value; }
-  explicit operator bool() const { return value >= 0; }
-
- private:
-  int value = -1;
-};
 
 /// The socket at which a Mach service of this name is met, below the system root.
 std::string machServiceSocketPath(std::string_view name);

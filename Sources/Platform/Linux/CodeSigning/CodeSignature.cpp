@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/File.h"
 #include "Platform/Linux/CodeSigning/CodeSignatureContent.h"
 #include "Platform/Linux/CodeSigning/SmallFile.h"
 #include "Platform/SystemPath.h"

@@ -2,10 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
+
+#include "Platform/File.h"
 
 namespace quorvane::xpc {
 namespace {
@@ -26,24 +27,10 @@ SmallFile readOpened(int file, std::size_t maxSize) {
 
 }  // namespace
 
-std::size_t readAt(int file, std::span<std::uint8_t> bytes, off_t offset) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const std::span<std::uint8_t> rest = bytes.subspan(done);
-    const ssize_t count = pread(file, rest.data(), rest.size(), offset + static_cast<off_t>(done));
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    done += static_cast<std::size_t>(count);
-  }
-  return done;
-}
-
 SmallFile readSmallFile(const std::string& path, std::size_t maxSize, int openFlags) {
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | openFlags);
-  if (file < 0) return {{}, problemOfOpening(errno)};
-  SmallFile result = readOpened(file, maxSize);
-  close(file);
-  return result;
+  const Descriptor file = openFile(path, O_RDONLY | openFlags);
+  if (!file) return {{}, problemOfOpening(errno)};
+  return readOpened(file.get(), maxSize);
 }
 
 }  // namespace quorvane::xpc

@@ -1,19 +1,12 @@
 // Reading files that others may have written or put in place. Callable from any thread.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
 namespace quorvane::xpc {
-
-/// Fills the bytes from `offset` of the open file on; yields how many there were, fewer only at the
-/// end of the file or on an error.
-std::size_t readAt(int file, std::span<std::uint8_t> bytes, off_t offset);
 
 struct SmallFile {
   std::vector<std::uint8_t> bytes;

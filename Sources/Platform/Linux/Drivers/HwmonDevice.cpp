@@ -10,6 +10,7 @@
 #include <map>
 #include <system_error>
 
+#include "Platform/File.h"
 #include "Platform/SystemPath.h"
 
 namespace quorvane::hwmon {
@@ -31,24 +32,19 @@ auto untilUninterrupted(Call call) {
 
 class OpenFolder final : public Folder {
  public:
-  explicit OpenFolder(int openDescriptor) : descriptor(openDescriptor) {}
-  ~OpenFolder() override { close(descriptor); }
-  OpenFolder(const OpenFolder&) = delete;
-  OpenFolder& operator=(const OpenFolder&) = delete;
+  explicit OpenFolder(Descriptor opened) : folder(std::move(opened)) {}
 
   [[nodiscard]] bool has(const std::string& file) const override {
-    return faccessat(descriptor, file.c_str(), F_OK, 0) == 0;
+    return faccessat(folder.get(), file.c_str(), F_OK, 0) == 0;
   }
 
   [[nodiscard]] Text read(const std::string& file) const override {
-    const int opened = open(file, O_RDONLY);
-    if (opened < 0) return {errno, {}};
+    const Descriptor opened = openFileAt(folder.get(), file, O_RDONLY);
+    if (!opened) return {errno, {}};
     std::array<char, textSizeMax + 1> buffer{};
     const ssize_t count =
-        untilUninterrupted([&] { return ::read(opened, buffer.data(), buffer.size()); });
-    const int error = count < 0 ? errno : 0;
-    close(opened);
-    if (error != 0) return {error, {}};
+        untilUninterrupted([&] { return ::read(opened.get(), buffer.data(), buffer.size()); });
+    if (count < 0) return {errno, {}};
     std::string text(buffer.data(), static_cast<std::size_t>(count));
     if (text.size() > textSizeMax) return {EFBIG, {}};
     if (text.ends_with('\n')) text.pop_back();
@@ -56,29 +52,23 @@ class OpenFolder final : public Folder {
   }
 
   int write(const std::string& file, std::string_view text) override {
-    const int opened = open(file, O_WRONLY | O_TRUNC);
-    if (opened < 0) return errno;
+    const Descriptor opened = openFileAt(folder.get(), file, O_WRONLY | O_TRUNC);
+    if (!opened) return errno;
     const ssize_t count =
-        untilUninterrupted([&] { return ::write(opened, text.data(), text.size()); });
-    const int error = count < 0 ? errno : 0;
-    close(opened);
-    if (error != 0) return error;
+        untilUninterrupted([&] { return ::write(opened.get(), text.data(), text.size()); });
+    if (count < 0) return errno;
     // To the driver, what one call brings is the whole value.
     return count == static_cast<ssize_t>(text.size()) ? 0 : EIO;
   }
 
  private:
-  [[nodiscard]] int open(const std::string& file, int flags) const {
-    return untilUninterrupted([&] { return openat(descriptor, file.c_str(), flags | O_CLOEXEC); });
-  }
-
-  const int descriptor;
+  const Descriptor folder;
 };
 
 std::unique_ptr<Folder> openFolder(const std::string& path) {
-  const int descriptor = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-  if (descriptor < 0) return nullptr;
-  return std::make_unique<OpenFolder>(descriptor);
+  Descriptor opened = openFile(path, O_PATH | O_DIRECTORY);
+  if (!opened) return nullptr;
+  return std::make_unique<OpenFolder>(std::move(opened));
 }
 
 /// The device whose entry of the class that is, when it is one of ours.

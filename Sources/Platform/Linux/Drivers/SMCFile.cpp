@@ -62,25 +62,19 @@ int writeWhole(int descriptor, const FileBytes& bytes) {
 
 }  // namespace
 
-SMCFile::~SMCFile() {
-  if (descriptor >= 0) close(descriptor);
-}
-
 int SMCFile::open(const std::string& path, Access access) {
-  // O_NONBLOCK: a fifo in the file's place is an error, not a wait.
-  const int mode = access == Access::change ? O_RDWR : O_RDONLY;
-  descriptor = ::open(path.c_str(), mode | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) return errno;
-  if (const int error = lock(descriptor); error != 0) return error;
+  file = openFile(path, access == Access::change ? O_RDWR : O_RDONLY);
+  if (!file) return errno;
+  if (const int error = lock(file.get()); error != 0) return error;
   FileBytes bytes{};
-  const ssize_t count = pread(descriptor, bytes.data(), bytes.size(), 0);
+  const ssize_t count = pread(file.get(), bytes.data(), bytes.size(), 0);
   if (count < 0) return errno;
   if (count != static_cast<ssize_t>(bytes.size()) || !decode(bytes, machine)) return EBADMSG;
   return 0;
 }
 
 int SMCFile::save() const {
-  return writeWhole(descriptor, encode(machine));
+  return writeWhole(file.get(), encode(machine));
 }
 
 int SMCFile::create(const std::string& path, const SMCMachine& machine) {
@@ -88,14 +82,13 @@ int SMCFile::create(const std::string& path, const SMCMachine& machine) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), folderError);
   if (folderError) return folderError.value();
   std::string temporary = path + ".XXXXXX";
-  const int descriptor = mkostemp(temporary.data(), O_CLOEXEC);
-  if (descriptor < 0) return errno;
-  int error = writeWhole(descriptor, encode(machine));
+  const Descriptor created(mkostemp(temporary.data(), O_CLOEXEC));
+  if (!created) return errno;
+  int error = writeWhole(created.get(), encode(machine));
   // The mode stays 0600, as mkostemp(3) has it: whoever can open the file, if only for reading, can
   // hold its lock, and so hold up a restore.
   if (error == 0 && rename(temporary.c_str(), path.c_str()) != 0) error = errno;
   if (error != 0) unlink(temporary.c_str());
-  close(descriptor);
   return error;
 }
 

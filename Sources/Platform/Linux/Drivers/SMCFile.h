@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/File.h"
 #include "Platform/Linux/Drivers/SMCMachine.h"
 
 namespace quorvane::simulation {
@@ -28,12 +29,6 @@ inline constexpr std::string_view smcPath = "/var/lib/quorvane/smc";
 class SMCFile {
  public:
   enum class Access { read, change };
-
-  SMCFile() = default;
-  SMCFile(const SMCFile&) = delete;
-  SMCFile& operator=(const SMCFile&) = delete;
-  /// Gives the lock back.
-  ~SMCFile();
 
   /// Waits for the lock and reads the machine. 0, or an errno value: ENOENT without a file, EBADMSG
   /// for one that is cut short or holds something else. To be called once.
@@ -49,7 +44,7 @@ class SMCFile {
   SMCMachine machine;
 
  private:
-  int descriptor = -1;
+  Descriptor file;  // closing it gives the lock back
 };
 
 }  // namespace quorvane::simulation

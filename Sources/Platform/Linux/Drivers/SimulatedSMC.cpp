@@ -73,11 +73,10 @@ std::string traceLine(const Record& request, const Answer& answer) {
 /// One write a line, so that lines of several processes never mix. A trace that cannot be written
 /// changes nothing for the caller.
 void appendToTrace(const std::string& path, const Record& request, const Answer& answer) {
-  const int descriptor = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) return;
+  const Descriptor trace = openFile(path, O_WRONLY | O_APPEND);
+  if (!trace) return;
   const std::string line = traceLine(request, answer);
-  [[maybe_unused]] const ssize_t ignored = write(descriptor, line.data(), line.size());
-  close(descriptor);
+  [[maybe_unused]] const ssize_t ignored = write(trace.get(), line.data(), line.size());
 }
 
 }  // namespace
