@@ -1,73 +1,164 @@
-#include "Platform/Linux/CodeSigning/CodeSignature.h"
-
+// What a signature signs, how it is judged, what is required of the signer; and the program that
+// does all that for people.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <array>
+#include <cctype>
+#include <regex>
+#include <sstream>
 
+#include "Platform/File.h"
+#include "Platform/Linux/CodeSigning/SignatureContent.h"
+#include "Platform/Linux/CodeSigning/Verification.h"
 #include "Support/SigningIdentity.h"
 #include "Support/TemporaryRoot.h"
 
-namespace quorvane::xpc {
+namespace quorvane::codesigning {
 namespace {
 
+using test::SigningIdentity;
+
 /// "IDENTIFIER of TEAM", or the reason of the refusal.
-std::string verdictOn(const std::string& executable) {
-  const int file = open(executable.c_str(), O_RDONLY | O_CLOEXEC);
-  const CodeSignatureResult result = verifyCodeSignature(file);
-  close(file);
-  if (const auto* refusal = std::get_if<CodeSignatureRefusal>(&result)) return refusal->reason;
-  const auto& [identifier, team] = std::get<CodeIdentity>(result);
+std::string verdictOn(const Descriptor& executable) {
+  const Verdict verdict = verifySignature(executable.get());
+  if (const auto* refusal = std::get_if<Refusal>(&verdict)) return refusal->reason;
+  const auto& [identifier, team] = std::get<Identity>(verdict);
   return identifier + " of " + team.value_or("none");
+}
+
+/// Runs commands in the folder, with our programs and scripts in the path.
+std::string runIn(const TemporaryRoot& folder, const std::string& commands) {
+  return test::shell("cd " + folder.path("") +
+                     "; PATH=" PROGRAMS_FOLDER ":" SCRIPTS_FOLDER ":$PATH; { " + commands +
+                     "; } 2>&1");
 }
 
 TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
   const TemporaryRoot folder;
-  const std::string inFolder = "PATH=" SCRIPTS_FOLDER ":$PATH; cd " + folder.path("") + "; ";
-  // The executable is more than one chunk to hash.
-  const std::string reset = inFolder + "rm -rf etc app.codesign; head -c 100000 /dev/zero >app";
-  test::shell(reset);
-  const std::string lines = test::signatureContent(folder.path("/app"), "app");
-  const auto root = test::SigningIdentity::makeRoot();
-  const auto by = [&](const test::CertificateOptions& how) { return root.issue(how).sign(lines); };
+  const auto root = SigningIdentity::makeRoot();
   const auto leaf = root.issue();
-  const std::string good = leaf.sign(lines);
-  // Each: words of the verdict, the signature, and a command that is run when all is in place.
-  const std::array<std::string, 3> rows[] = {
-      {"app of X4TQ8RW2ZN", root.issue(test::authority).issue().sign(lines)},
-      {"app of none", by({.units = "/OU=X4TQ8RW2ZN/OU=B"}), "codesign verify app"},
-      {"has expired", by({.days = -1})},
-      {"key too weak", by({.key = "rsa:1024"})},
-      {"of CA cert", root.issue({.extensions = "basicConstraints=CA:TRUE"}).issue().sign(lines)},
-      {"chain: self-signed", test::SigningIdentity::makeRoot().issue().sign(lines)},
-      {"not for code signing", by({.extensions = "keyUsage=digitalSignature"})},
-      {"not for digital signatures", by({.extensions = "extendedKeyUsage=codeSigning"})},
-      {"not enclose its content", leaf.sign(lines, "")},
-      {"not exactly one signer", leaf.sign(lines, "-nodetach" + root.issue().signer())},
-      {"not enclose its signer's", leaf.sign(lines, "-nodetach -nocerts")},
-      {"not over SHA-256", leaf.sign(lines, "-nodetach -md sha1")},
-      {"in DER", good + '\0'},
-      {"not match its content", good.substr(0, good.size() - 1) + static_cast<char>(~good.back())},
-      {"not match its content", good, "sed -i 's/er: app/er: ape/' app.codesign"},
-      {"too large", good, "truncate -s 65537 app.codesign"},
-      {"not a regular file", good, "rm app.codesign; mkfifo app.codesign"},
-      {"a symbolic link", good, "mv app.codesign there; ln -s there app.codesign"},
-      {"not of the signed size", good, "echo >>app; ! codesign verify app 2>log"},
-      {"not the signed one", good, "truncate -s -1 app; echo >>app"},
-      {"too many anchors", good, "cd etc/quorvane/anchors; touch $(seq -f%g.pem 16)"},
-      {"b of X4TQ8RW2ZN", good,
-       "dev-identity i; cp -r i/anchors etc/*; codesign sign --identity i --identifier b app"},
+  const auto below = [&](const std::string& extensions, const std::string& key = test::p256) {
+    return root.issue({.extensions = extensions, .key = key}).issue();
   };
-  for (const auto& [words, signature, command] : rows) {
-    test::shell(reset);
+  const std::string& ca = test::authority.extensions;
+  const std::string p224 = "ec -pkeyopt ec_paramgen_curve:P-224";
+  // Each: words of the verdict, the signer, and a command that is run in the executable's folder
+  // when that has been signed and opened.
+  const struct {
+    std::string words;
+    SigningIdentity signer;
+    std::string command = ":";
+  } rows[] = {
+      {"app of X4TQ8RW2ZN", below(ca)},
+      {"app of X4TQ8RW2ZN", below(ca + "\nextendedKeyUsage=codeSigning")},
+      {"intermediate is not for code", below(ca + "\nextendedKeyUsage=serverAuth")},
+      {"of CA cert", below("basicConstraints=CA:TRUE")},
+      {"below P-256", below(ca, p224)},
+      {"below P-256", root.issue({.key = p224})},
+      {"key too weak", root.issue({.key = "rsa:1024"})},
+      {"app of none", root.issue({.units = "/OU=X4TQ8RW2ZN/OU=B"})},
+      {"has expired", root.issue({.days = -1})},
+      {"chain: self-signed", SigningIdentity::makeRoot().issue()},
+      {"not for code signing", root.issue({.extensions = "keyUsage=digitalSignature"})},
+      {"not for digital signatures", root.issue({.extensions = "extendedKeyUsage=codeSigning"})},
+      {"not enclose its content", leaf, "resign"},
+      {"not exactly one signer", leaf, "resign -nodetach" + root.issue().signer()},
+      {"not enclose its signer's", leaf, "resign -nodetach -nocerts"},
+      {"not over SHA-256", leaf, "resign -nodetach -md sha1"},
+      {"content is not identifier", leaf, "echo >>content; resign -nodetach"},
+      {"in DER", leaf, "echo >>app.codesign"},
+      {"not match its content", leaf, "sed -i 's/er: app/er: ape/' app.codesign"},
+      {"too large", leaf, "truncate -s 65537 app.codesign"},
+      {"does not exist", leaf, "rm app.codesign"},
+      {"a regular file", leaf, "rm app.codesign; mkfifo app.codesign"},
+      {"a regular file", leaf, "rm *.codesign; mknod app.codesign c 5 0 || mkdir app.codesign"},
+      {"a symbolic link", leaf, "mv app.codesign there; ln -s there app.codesign"},
+      // A file that is removed keeps its path, in which anybody may then put a link.
+      {"behind one", leaf,
+       "mkdir ../at; mv *.codesign '../at/app (deleted).codesign'; cd ..; rm -r bin; ln -s at bin"},
+      {"not of the signed size", leaf, "echo >>app"},
+      {"not the signed one", leaf, "truncate -s -1 app; echo >>app"},
+      {"too many anchors", leaf, "cd ../etc/quorvane/anchors; touch $(seq -f%g.pem 16)"},
+  };
+  for (const auto& [words, signer, command] : rows) {
+    // The executable is more than one chunk to hash.
+    runIn(folder, "rm -rf etc bin at; mkdir bin; cd bin; head -c 100000 /dev/zero >app");
     root.installAnchor(folder.path(""));
-    folder.write("/app.codesign", signature);
-    test::shell(inFolder + command);
-    const std::string verdict = verdictOn(folder.path("/app"));
+    signer.signExecutable(folder.path("/bin/app"), "app");
+    const Descriptor executable = openFile(folder.path("/bin/app"), O_RDONLY);
+    runIn(folder,
+          "cd bin; openssl cms -verify -noverify -inform DER -in app.codesign -out content;"
+          "resign() { openssl cms -sign -binary -outform DER -in content" +
+              signer.signer() + " \"$@\" >app.codesign; }; " + command);
+    const std::string verdict = verdictOn(executable);
     EXPECT_NE(verdict.find(words), std::string::npos) << words << "; found: " << verdict;
   }
 }
 
+TEST(CodeSignature, ContentHasOneText) {
+  const auto isContent = [](const std::string& identifier, const std::string& rest) {
+    return SignatureContent::parse("identifier: " + identifier + "\nsize: " + rest).has_value();
+  };
+  const std::string digest = "\nsha256: " + std::string(64, 'a'), end = digest + "\n";
+  for (int byte = 0; byte < 256; ++byte) {
+    const bool isAllowed = byte < 128 && (std::isalnum(byte) != 0 || byte == '.' || byte == '-');
+    EXPECT_EQ(isContent({'a', static_cast<char>(byte)}, "0" + end), isAllowed) << byte;
+  }
+  EXPECT_TRUE(isContent(std::string(255, 'a'), "18446744073709551615" + end));
+  EXPECT_FALSE(isContent(std::string(256, 'a'), "1" + end) || isContent("", "1" + end));
+  for (const char* size : {"", "01", "+1", "-1", " 1", "1 ", "0x1", "18446744073709551616"}) {
+    EXPECT_FALSE(isContent("a", size + end)) << size;
+  }
+  EXPECT_FALSE(isContent("a", "1" + digest) || isContent("a", "1" + digest + "a\n"));
+  EXPECT_FALSE(isContent("a", "1" + end + "\n"));
+}
+
+TEST(CodeRequirement, HoldsOnlyIfItIsUnderstoodWhole) {
+  const auto expect = [](bool expected, std::string texts) {
+    // + is a term that holds, - one that does not.
+    texts = std::regex_replace(texts, std::regex("\\+"), "anchor apple generic");
+    std::istringstream rows(std::regex_replace(texts, std::regex("-"), "identifier \"other\""));
+    for (std::string text; std::getline(rows, text, '|');) {
+      EXPECT_EQ(requirementHolds(text, {"app", "TEAM"}), expected) << text;
+    }
+  };
+  const std::string opening(16, '('), closing(16, ')'), rest(2048 - 20, ' ');
+  expect(true, "+|- or +|+ or + and -|- and - or +|- or (+)|identifier\"app\"and(+)");
+  expect(true, " certificate leaf [ subject.OU ]\t=\"TEAM\"\r\n|" + opening + "+" + closing);
+  expect(false, "-|- and +|(+ or +) and -|- and (- or +)|identifier \"APP\"|()||(+|+)|+ +|+ or");
+  expect(false, "+ OR +|+ or not +|+ or anchor apple|+ or anchorapple generic|+ or certificate");
+  expect(false, "certificate leaf[subject.OU] = \"team\"|certificate leaf[subject.CN] = \"TEAM\"");
+  expect(false, "+ or identifier app|+ or identifier \"app|+ or identifier \"a\\\"p\"|+ or +;");
+  expect(false, "(" + opening + "+" + closing + ")");
+  expect(true, "+" + rest);
+  expect(false, "+ " + rest);
+}
+
+TEST(Codesign, SignsAndSaysWhoHasSignedOrWhyNot) {
+  const TemporaryRoot folder;
+  runIn(folder,
+        "dev-identity id; cp -r id locked; openssl ec -aes128 -passout pass:secret"
+        " -in id/leaf.key -out locked/leaf.key; echo >app; ln -s app link");
+  const std::pair<const char*, const char*> rows[] = {
+      {"verify app", "app: the signature does not exist\n1\n"},
+      {"sign --identity id --identifier an.app link; ls link*", "link\n0\n"},
+      {"verify --anchors id/anchors link", "link: signed as an.app by the team X4TQ8RW2ZN\n0\n"},
+      {"verify app", "app: the certificate chain: unable to get local issuer certificate\n1\n"},
+      {"verify --anchors id/anchors --team T app", "app: signed by the team X4TQ8RW2ZN\n1\n"},
+      {"verify --anchors id/anchors --identifier T app", "app: signed as an.app\n1\n"},
+      {"verify /dev/ptmx", "/dev/ptmx: is not a regular file\n1\n"},
+      {"sign --identity no --identifier a app", "no/leaf.pem: no certificate can be read\n1\n"},
+      {"sign --identity locked --identifier a app", "locked/leaf.key: no key can be read\n1\n"},
+      {"sign --identity id --identifier a /proc/version",
+       "/proc/version: the signature cannot be written: No such file or directory\n1\n"},
+      {"sign --identity id --identifier a_b app 2>&-", "2\n"},
+      {"verify --team app 2>&-", "2\n"},
+      {"verify app app 2>&-", "2\n"},
+  };
+  for (const auto& [arguments, output] : rows) {
+    EXPECT_EQ(runIn(folder, std::string("quorvane-codesign ") + arguments + "; echo $?"), output);
+  }
+}
+
 }  // namespace
-}  // namespace quorvane::xpc
+}  // namespace quorvane::codesigning

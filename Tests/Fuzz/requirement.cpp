@@ -1,7 +1,7 @@
 // Fuzzes the evaluation of requirements against one that goes another way: it makes a form of the
 // text, in which + is a term that holds and - one that does not, and rewrites that until it is one
 // of the two, or stuck because it is not of the language.
-#include "Platform/Linux/CodeSigning/CodeRequirement.h"
+#include "Platform/Linux/CodeSigning/Requirement.h"
 
 #include <algorithm>
 #include <cassert>
@@ -50,7 +50,7 @@ bool shouldHold(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(data, data + size);
-  assert(quorvane::xpc::requirementHolds(text, {"com.quorvane.app", "X4TQ8RW2ZN"}) ==
+  assert(quorvane::codesigning::requirementHolds(text, {"com.quorvane.app", "X4TQ8RW2ZN"}) ==
          shouldHold(text));
   return 0;
 }

@@ -1,4 +1,4 @@
-// Certificates and code signatures by the openssl command: good ones, and ones with a chosen fault.
+// Identities to sign with, made by the openssl command: good ones, and ones with a chosen fault.
 // Their files lie in the TemporaryRoot of the moment and go with it.
 #pragma once
 
@@ -19,25 +19,21 @@ inline std::string shell(const std::string& command) {
   return output;
 }
 
-/// The three lines that a signature of the executable signs.
-inline std::string signatureContent(const std::string& executable, const std::string& identifier) {
-  return shell("printf 'identifier: %s\nsize: %s\nsha256: %s\n' " + identifier + " $(stat -c %s " +
-               executable + ") $(openssl dgst -sha256 -r " + executable + " | cut -c -64)");
-}
+inline const std::string p256 = "ec -pkeyopt ec_paramgen_curve:P-256";
 
 /// What a certificate is made with; as it stands, a leaf that the helper admits.
 struct CertificateOptions {
   std::string units = "/OU=X4TQ8RW2ZN";
   std::string extensions = "keyUsage=digitalSignature\nextendedKeyUsage=codeSigning";
-  std::string key = "ec -pkeyopt ec_paramgen_curve:P-256";
+  std::string key = p256;
   int days = 1;
 };
 
 inline const CertificateOptions authority{
     .extensions = "basicConstraints=critical,CA:TRUE\nkeyUsage=keyCertSign"};
 
-/// A folder of the certificate, its key and the certificates of its issuers up to the root. Its
-/// name is also the certificate's.
+/// A folder to sign from, with the certificates up to the root in leaf.pem. Its name is also the
+/// certificate's.
 class SigningIdentity {
  public:
   static SigningIdentity makeRoot() { return {authority, nullptr}; }
@@ -48,22 +44,17 @@ class SigningIdentity {
   /// Makes this root an anchor, beside those already there.
   void installAnchor(const std::string& systemRoot) const {
     const std::string anchors = systemRoot + "/etc/quorvane/anchors/";
-    shell("mkdir -p " + anchors + " && cp " + folder + "/certificate " + anchors +
+    shell("mkdir -p " + anchors + " && cp " + folder + "/leaf.pem " + anchors +
           folder.substr(folder.rfind('.') + 1) + ".pem");
   }
-  /// A CMS SignedData over the content; the arguments are those of `openssl cms -sign`.
-  [[nodiscard]] std::string sign(const std::string& content,
-                                 const std::string& arguments = "-nodetach") const {
-    return shell("printf %s '" + content + "' | openssl cms -sign -binary -outform DER -certfile " +
-                 folder + "/issuers" + signer() + " " + arguments);
-  }
-  /// Writes `<executable>.codesign`.
+  /// Writes `<executable>.codesign`, by our program.
   void signExecutable(const std::string& executable, const std::string& identifier) const {
-    std::ofstream(executable + ".codesign") << sign(signatureContent(executable, identifier));
+    shell(PROGRAMS_FOLDER "/quorvane-codesign sign --identity " + folder + " --identifier " +
+          identifier + " " + executable);
   }
-  /// The arguments that make openssl sign with this identity.
+  /// The arguments that make `openssl cms` sign with this identity.
   [[nodiscard]] std::string signer() const {
-    return " -signer " + folder + "/certificate -inkey " + folder + "/key";
+    return " -signer " + folder + "/leaf.pem -inkey " + folder + "/leaf.key";
   }
 
  private:
@@ -74,13 +65,13 @@ class SigningIdentity {
                                          "subjectKeyIdentifier = hash\n"
                                          "authorityKeyIdentifier = keyid\n"
                                       << options.extensions << '\n';
-    const std::string by = issuer ? "-CA $i/certificate -CAkey $i/key" : "-signkey key";
+    const std::string by = issuer ? "-CA $i/leaf.pem -CAkey $i/leaf.key" : "-signkey leaf.key";
     shell("cd " + folder + " && i=" + (issuer ? issuer->folder : "") +
-          " && openssl req -new -config config -nodes -keyout key -out csr -newkey " + options.key +
-          " -subj " + options.units + "/CN=${PWD##*/} 2>log && openssl x509 -req -in csr " + by +
-          " -days " + std::to_string(options.days) + " -out certificate -extfile config" +
-          " -extensions extensions 2>>log && touch issuers" +
-          (issuer ? " && cat $i/certificate $i/issuers >issuers" : ""));
+          " && openssl req -new -config config -nodes -keyout leaf.key -out csr -newkey " +
+          options.key + " -subj " + options.units +
+          "/CN=${PWD##*/} 2>log && openssl x509 -req -in csr " + by + " -days " +
+          std::to_string(options.days) + " -out leaf.pem -extfile config" +
+          " -extensions extensions 2>>log" + (issuer ? " && cat $i/leaf.pem >>leaf.pem" : ""));
   }
 
   std::string folder;

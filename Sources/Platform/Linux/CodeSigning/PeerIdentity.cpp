@@ -2,15 +2,15 @@
 
 #include <variant>
 
-#include "Platform/Linux/CodeSigning/CodeRequirement.h"
-#include "Platform/Linux/CodeSigning/CodeSignature.h"
+#include "Platform/Linux/CodeSigning/Requirement.h"
+#include "Platform/Linux/CodeSigning/Verification.h"
 
 namespace quorvane::xpc {
 
 bool satisfiesRequirement(int executable, std::string_view requirement) {
-  const CodeSignatureResult signature = verifyCodeSignature(executable);
-  const auto* identity = std::get_if<CodeIdentity>(&signature);
-  return identity != nullptr && requirementHolds(requirement, *identity);
+  const codesigning::Verdict verdict = codesigning::verifySignature(executable);
+  const auto* identity = std::get_if<codesigning::Identity>(&verdict);
+  return identity != nullptr && codesigning::requirementHolds(requirement, *identity);
 }
 
 }  // namespace quorvane::xpc

@@ -8,22 +8,26 @@
 #include <string>
 #include <string_view>
 
-namespace quorvane::xpc {
+namespace quorvane::codesigning {
 
-struct CodeSignatureContent {
+struct SignatureContent {
   static constexpr std::size_t maxIdentifierLength = 255;
   static constexpr std::size_t digestLength = 64;
 
   /// Letters, digits, dots and hyphens of ASCII; never empty.
+  static bool isIdentifier(std::string_view text);
+
   std::string identifier;
   /// Of the executable, in bytes.
   std::uint64_t size = 0;
   /// The SHA-256 of the executable as lower-case hexadecimal digits.
   std::string sha256;
 
+  /// What is signed.
+  [[nodiscard]] std::string text() const;
   /// Nothing unless the text is exactly as it must be, to the byte: there is one text for one
   /// content.
-  static std::optional<CodeSignatureContent> parse(std::string_view text);
+  static std::optional<SignatureContent> parse(std::string_view text);
 };
 
-}  // namespace quorvane::xpc
+}  // namespace quorvane::codesigning

@@ -7,11 +7,11 @@
 #include <string>
 #include <string_view>
 
-namespace quorvane::xpc {
+namespace quorvane::codesigning {
 
 /// Who signed an executable, once its signature has been verified up to an installed anchor: only
-/// such signatures become a CodeIdentity.
-struct CodeIdentity {
+/// such signatures become a Identity.
+struct Identity {
   std::string identifier;
   /// The organisational unit of the leaf certificate's subject; nothing when it has none or
   /// several.
@@ -34,6 +34,6 @@ inline constexpr int maxRequirementNesting = 16;
 ///                 | "identifier" string
 ///                 | "(" requirement ")"
 ///     string      = '"' { any byte but '"' and '\' } '"'
-bool requirementHolds(std::string_view text, const CodeIdentity& identity);
+bool requirementHolds(std::string_view text, const Identity& identity);
 
-}  // namespace quorvane::xpc
+}  // namespace quorvane::codesigning
