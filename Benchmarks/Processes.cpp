@@ -15,7 +15,8 @@
 #include <cstring>
 #include <fstream>
 
-#include "Platform/Linux/Channel/Wire.h"
+#include "Platform/Linux/Channel/Messages.h"
+#include "Platform/Linux/Socket.h"
 
 namespace quorvane::bench {
 
@@ -107,18 +108,17 @@ int Program::stop(int signal) {
 }
 
 Channel Channel::enter(const std::string& root) {
-  const auto address = xpc::socketAddress(root + "/run/quorvane/" +
-                                          std::string(FanControlConstants::helperMachService));
+  const auto address =
+      socketAddress(root + "/run/quorvane/" + std::string(FanControlConstants::helperMachService));
   Descriptor connected(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  if (!address || ::connect(connected.get(), reinterpret_cast<const sockaddr*>(&*address),
-                            sizeof *address) != 0) {
+  if (!address || ::connect(connected.get(), address->get(), address->size) != 0) {
     fail("cannot connect");
   }
   Channel channel(std::move(connected));
   if (!channel.receive()) fail("not admitted");
   const auto nonce = xpc::decodeNonce(xpc::MessageKind::challenge, {channel.buffer, channel.size});
   if (!nonce) fail("no challenge");
-  channel.send(xpc::encodeNonce(xpc::MessageKind::challengeResponse, *nonce));
+  channel.send(xpc::encodeNonce(xpc::MessageKind::response, *nonce));
   channel.call(pingRequest());
   return channel;
 }
@@ -141,16 +141,15 @@ bool Channel::receive(bool waiting) {
 }
 
 std::string pingRequest() {
-  return xpc::encodeRequest(1, fanControlOperations[3].selector, {});
+  return xpc::encodeRequest(1, xpc::PingRequest());
 }
 
 std::string statusRequest() {
-  return xpc::encodeRequest(1, fanControlOperations[2].selector, {});
+  return xpc::encodeRequest(1, xpc::StatusRequest());
 }
 
 std::string writeRequest(const std::string& key, std::int64_t value) {
-  const std::array<xpc::Value, 3> arguments{key, value, false};
-  return xpc::encodeRequest(1, fanControlOperations[0].selector, arguments);
+  return xpc::encodeRequest(1, xpc::WriteFanKeyRequest{key, value, false});
 }
 
 Machine::Machine(std::string folder, const std::string& anchors, int fans)

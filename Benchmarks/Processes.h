@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Linux/Channel/Socket.h"
+#include "Platform/File.h"
 
 namespace quorvane::bench {
 

@@ -33,16 +33,15 @@ const std::string& FanControlClient::error() const {
 std::optional<std::string> FanControlClient::ping() {
   return "ok";
 }
-std::optional<FanControlClient::Outcome> FanControlClient::restoreAuto() {
+std::optional<Outcome> FanControlClient::restoreAuto() {
   return Outcome{true, {}};
 }
 std::optional<StatusReport> FanControlClient::status() {
   world.time += world.latency;
   return world.report;
 }
-std::optional<FanControlClient::Outcome> FanControlClient::writeFanKey(const std::string& key,
-                                                                       std::int64_t value,
-                                                                       bool isFloat) {
+std::optional<Outcome> FanControlClient::writeFanKey(const std::string& key, std::int64_t value,
+                                                     bool isFloat) {
   world.time += world.latency;
   world.written += std::to_string(world.time / 1s) + " " + key + "=" + std::to_string(value);
   world.written += isFloat ? "f " : " ";

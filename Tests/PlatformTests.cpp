@@ -4,8 +4,8 @@
 #include <os/log.h>
 #include <sys/socket.h>
 #include <sys/sysctl.h>
-#include <sys/un.h>
 
+#include "Platform/Linux/Socket.h"
 #include "Platform/UTF8.h"
 #include "Support/TemporaryRoot.h"
 
@@ -51,10 +51,9 @@ std::string received(int descriptor) {
 // A message that waited for room would hold up this process for ever.
 TEST(Platform, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
   const TemporaryRoot root;
-  sockaddr_un address{AF_UNIX, {}};
-  root.prepare("/run/systemd/journal/socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  const auto address = socketAddress(root.prepare("/run/systemd/journal/socket")).value();
   const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-  ASSERT_EQ(bind(journal, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(bind(journal, address.get(), address.size), 0);
   const os_log_t log = os_log_create("com.quorvane.app", "FanHelper");
   const std::string most(1011, 'x');  // so that the bound cuts what follows
   os_log_error(log, "%{private}d%% of %%{x}\n%{public}s", 2, (most + "\u2014").c_str());

@@ -1,11 +1,11 @@
 // The real daemon, client and probe on a simulated machine, with signals and kills.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
 
+#include "Platform/Linux/Socket.h"
 #include "Support/HwmonTree.h"
 #include "Support/SimulatedMac.h"
 
@@ -55,13 +55,9 @@ TEST_F(Processes, BothSignalsAtOnceRestoreOnce) {
 TEST_F(Processes, TheServiceManagerIsToldAndNeverWaitedFor) {
   for (const std::string prefix : {"", "@"}) {
     const std::string name = prefix + mac.root.path("/notify");
-    sockaddr_un address{AF_UNIX, {}};
-    name.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (!prefix.empty()) address.sun_path[0] = '\0';
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-    const auto* const place = reinterpret_cast<const sockaddr*>(&address);
+    const auto address = socketAddress(name).value();
     const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(bind(manager, place, length), 0);
+    ASSERT_EQ(bind(manager, address.get(), address.size), 0);
     const auto told = [manager] {
       char state[64] = {};
       recv(manager, state, sizeof state - 1, 0);
@@ -78,7 +74,7 @@ TEST_F(Processes, TheServiceManagerIsToldAndNeverWaitedFor) {
     // Until it has no room left; one sender's own room may not be enough for that.
     for (int sender = 0; sender < 16; ++sender) {
       const int filling = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-      while (sendto(filling, "", 1, MSG_DONTWAIT, place, length) == 1) continue;
+      while (sendto(filling, "", 1, MSG_DONTWAIT, address.get(), address.size) == 1) continue;
       close(filling);
     }
     EXPECT_EQ(mac.start()->stop(SIGTERM), 0);

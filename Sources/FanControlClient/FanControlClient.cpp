@@ -6,39 +6,26 @@
 #include <cstring>
 #include <string_view>
 #include <utility>
-#include <variant>
-#include <vector>
 
-#include "Platform/Linux/Channel/Socket.h"
-#include "Platform/Linux/Channel/Wire.h"
+#include "Platform/File.h"
+#include "Platform/Linux/Channel/Messages.h"
+#include "Platform/Linux/Channel/Rendezvous.h"
+#include "Platform/Linux/Socket.h"
 
 namespace quorvane {
-
-using xpc::Deadline;
-using xpc::Value;
-
-namespace {
-
-const auto& [writeOperation, restoreOperation, statusOperation, pingOperation] =
-    fanControlOperations;
-
-}  // namespace
 
 class FanControlClient::Implementation {
  public:
   bool connect() {
     const Deadline deadline = nextDeadline();
-    std::vector<Value> answer;
+    // Only an answered call shows that the helper has admitted us.
     return reach(deadline) && answerChallenge(deadline) &&
-           // Only an answered call shows that the helper has admitted us.
-           exchange(pingOperation, {}, deadline, answer);
+           exchange<std::string>(xpc::PingRequest(), deadline).has_value();
   }
 
-  std::optional<std::vector<Value>> call(const XPCOperation& operation,
-                                         const std::vector<Value>& arguments = {}) {
-    std::vector<Value> values;
-    if (!exchange(operation, arguments, nextDeadline(), values)) return std::nullopt;
-    return values;
+  template <class Reply>
+  std::optional<Reply> call(const xpc::Operation& operation) {
+    return exchange<Reply>(operation, nextDeadline());
   }
 
   std::string error;
@@ -62,13 +49,12 @@ class FanControlClient::Implementation {
 
   bool reach(Deadline deadline) {
     const std::string path = xpc::machServiceSocketPath(FanControlConstants::helperMachService);
-    const auto address = xpc::socketAddress(path);
+    const auto address = socketAddress(path);
     if (!address) return fail("the path is too long for a socket: " + path);
     connection = Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!connection) return failWithError("cannot make a socket", errno);
     const ssize_t result = untilDone(SO_SNDTIMEO, deadline, [&] {
-      return ::connect(connection.get(), reinterpret_cast<const sockaddr*>(&*address),
-                       sizeof *address);
+      return ::connect(connection.get(), address->get(), address->size);
     });
     const int number = errno;
     if (result == 0) return true;
@@ -86,20 +72,24 @@ class FanControlClient::Implementation {
     }
     const auto nonce = decodeNonce(xpc::MessageKind::challenge, challenge);
     if (!nonce) return fail("the helper's challenge is malformed");
-    return send(encodeNonce(xpc::MessageKind::challengeResponse, *nonce), deadline);
+    return send(encodeNonce(xpc::MessageKind::response, *nonce), deadline);
   }
 
-  bool exchange(const XPCOperation& operation, const std::vector<Value>& arguments,
-                Deadline deadline, std::vector<Value>& values) {
-    if (!connection) return fail("not connected to the helper");
-    const std::string request = xpc::encodeRequest(++lastCall, operation.selector, arguments);
-    if (request.size() > xpc::maxRequestSize) return fail("the request is too long");
+  template <class Reply>
+  std::optional<Reply> exchange(const xpc::Operation& operation, Deadline deadline) {
+    if (!connection) return failed("not connected to the helper");
+    const std::string request = xpc::encodeRequest(++lastCall, operation);
+    if (request.size() > xpc::maxRequestSize) return failed("the request is too long");
     std::string message;
-    if (!send(request, deadline) || !receive(message, deadline, closed)) return false;
-    auto reply = xpc::decodeReply(message, operation.reply);
-    if (!reply || reply->callNumber != lastCall) return fail("the helper's answer is malformed");
-    values = std::move(reply->values);
-    return true;
+    if (!send(request, deadline) || !receive(message, deadline, closed)) return std::nullopt;
+    auto reply = xpc::decodeReply<Reply>(message, lastCall);
+    if (!reply) return failed("the helper's answer is malformed");
+    return reply;
+  }
+
+  std::nullopt_t failed(std::string reason) {
+    fail(std::move(reason));
+    return std::nullopt;
   }
 
   bool send(std::string_view message, Deadline deadline) {
@@ -130,7 +120,7 @@ class FanControlClient::Implementation {
   template <class Call>
   ssize_t untilDone(int direction, Deadline deadline, const Call& blockingCall) const {
     for (;;) {
-      if (!xpc::limitBlocking(connection.get(), direction, deadline)) {
+      if (!limitBlocking(connection.get(), direction, deadline)) {
         errno = EAGAIN;
         return -1;
       }
@@ -160,42 +150,21 @@ const std::string& FanControlClient::error() const {
   return implementation->error;
 }
 
-namespace {
-
-/// The types of the values are those of the operation's table entry, which have been checked.
-std::optional<FanControlClient::Outcome> outcomeOf(std::optional<std::vector<Value>> values) {
-  if (!values) return std::nullopt;
-  FanControlClient::Outcome outcome{std::get<bool>(values->at(0)), std::nullopt};
-  if (auto* message = std::get_if<std::string>(&values->at(1))) {
-    outcome.message = std::move(*message);
-  }
-  return outcome;
+std::optional<Outcome> FanControlClient::writeFanKey(const std::string& key, std::int64_t value,
+                                                     bool isFloat) {
+  return implementation->call<Outcome>(xpc::WriteFanKeyRequest{key, value, isFloat});
 }
 
-template <class Result>
-std::optional<Result> resultOf(std::optional<std::vector<Value>> values) {
-  if (!values) return std::nullopt;
-  return std::get<Result>(std::move(values->at(0)));
-}
-
-}  // namespace
-
-std::optional<FanControlClient::Outcome> FanControlClient::writeFanKey(const std::string& key,
-                                                                       std::int64_t value,
-                                                                       bool isFloat) {
-  return outcomeOf(implementation->call(writeOperation, {key, value, isFloat}));
-}
-
-std::optional<FanControlClient::Outcome> FanControlClient::restoreAuto() {
-  return outcomeOf(implementation->call(restoreOperation));
+std::optional<Outcome> FanControlClient::restoreAuto() {
+  return implementation->call<Outcome>(xpc::RestoreAutoRequest());
 }
 
 std::optional<StatusReport> FanControlClient::status() {
-  return resultOf<StatusReport>(implementation->call(statusOperation));
+  return implementation->call<StatusReport>(xpc::StatusRequest());
 }
 
 std::optional<std::string> FanControlClient::ping() {
-  return resultOf<std::string>(implementation->call(pingOperation));
+  return implementation->call<std::string>(xpc::PingRequest());
 }
 
 }  // namespace quorvane

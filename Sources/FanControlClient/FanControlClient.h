@@ -14,11 +14,6 @@ namespace quorvane {
 
 class FanControlClient {
  public:
-  struct Outcome {
-    bool success = false;
-    std::optional<std::string> message;
-  };
-
   /// The helper answers in milliseconds unless it is in trouble.
   static constexpr std::chrono::seconds replyTimeout{10};
 

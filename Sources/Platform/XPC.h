@@ -3,19 +3,17 @@
 // with an admission of its own. No platform type appears here.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 
 #include "QRVFanShared/FanControlXPC.h"
 
 namespace quorvane::xpc {
 
-/// What a connection may be asked, as a table of its operations.
-struct Interface {
-  std::span<const XPCOperation> operations;
-};
+/// What a connection may be asked. There is one interface.
+enum class Interface : std::uint8_t { fanControl };
 
 /// An incoming connection. Configured by the delegate on the listener's thread before resume();
 /// afterwards no longer touched by the helper. A connection that was given no requirement, or one

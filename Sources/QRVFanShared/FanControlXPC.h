@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -42,12 +41,18 @@ std::string appCodeRequirement();
 /// The status report: six entries in the order in which they are assembled, keys unique.
 using StatusReport = std::vector<std::pair<std::string, std::string>>;
 
+/// Whether an operation did what was asked; if not, a text that says why.
+struct Outcome {
+  bool success = false;
+  std::optional<std::string> message;
+};
+
 /// The operations of the helper. Calls arrive on a connection's thread and return at once; each
 /// reply is called exactly once, from the connection's thread or from the service's queue, unless
 /// the process ends first.
 class FanControlXPC {
  public:
-  /// Whether the operation did what was asked; if not, a text that says why.
+  /// What an Outcome holds.
   using OutcomeReply = std::function<void(bool success, std::optional<std::string> message)>;
   using StatusReply = std::function<void(StatusReport status)>;
   using PingReply = std::function<void(std::string answer)>;
@@ -60,31 +65,5 @@ class FanControlXPC {
   virtual void status(StatusReply reply) = 0;
   virtual void ping(PingReply reply) = 0;
 };
-
-/// The types that cross the channel.
-enum class XPCType : std::uint8_t { boolean, int64, string, optionalString, stringDictionary };
-
-/// One operation as it crosses the channel: its selector and the types of its arguments and of its
-/// reply.
-struct XPCOperation {
-  std::string_view selector;
-  std::span<const XPCType> arguments;
-  std::span<const XPCType> reply;
-};
-
-namespace XPCTypes {
-inline constexpr std::array writeArguments{XPCType::string, XPCType::int64, XPCType::boolean};
-inline constexpr std::array outcome{XPCType::boolean, XPCType::optionalString};
-inline constexpr std::array status{XPCType::stringDictionary};
-inline constexpr std::array text{XPCType::string};
-}  // namespace XPCTypes
-
-/// The operations of FanControlXPC in the order of their declaration.
-inline constexpr std::array<XPCOperation, 4> fanControlOperations{{
-    {"writeFanKey:value:isFloat:reply:", XPCTypes::writeArguments, XPCTypes::outcome},
-    {"restoreAutoWithReply:", {}, XPCTypes::outcome},
-    {"statusWithReply:", {}, XPCTypes::status},
-    {"pingWithReply:", {}, XPCTypes::text},
-}};
 
 }  // namespace quorvane

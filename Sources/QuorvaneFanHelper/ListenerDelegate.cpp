@@ -8,7 +8,7 @@ ListenerDelegate::ListenerDelegate(std::shared_ptr<FanControlXPC> exported)
     : service(std::move(exported)) {}
 
 bool ListenerDelegate::shouldAcceptNewConnection(xpc::Connection& newConnection) {
-  newConnection.setExportedInterface(xpc::Interface{fanControlOperations});
+  newConnection.setExportedInterface(xpc::Interface::fanControl);
   newConnection.setExportedObject(service);
   newConnection.setCodeSigningRequirement(FanControlConstants::appCodeRequirement());
   newConnection.resume();

@@ -10,7 +10,6 @@
 namespace quorvane::fanctl {
 namespace {
 
-using Outcome = FanControlClient::Outcome;
 using Seconds = std::chrono::duration<double>;
 
 std::vector<std::string_view> splitAtTabs(std::string_view line) {

@@ -42,7 +42,7 @@ std::optional<std::int64_t> parseInteger(std::string_view text) {
   return value;
 }
 
-ExitStatus report(const FanControlClient::Outcome& outcome) {
+ExitStatus report(const Outcome& outcome) {
   if (outcome.success) return done;
   std::cerr << "fanctl: " << outcome.message.value_or("refused without a reason") << "\n";
   return refused;

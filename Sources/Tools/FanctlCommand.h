@@ -23,7 +23,7 @@ enum ExitStatus : int {
 
 using Arguments = std::span<const std::string_view>;
 /// In the type of the call, or nothing when the helper is gone.
-using Answer = std::optional<std::variant<std::string, FanControlClient::Outcome, StatusReport>>;
+using Answer = std::optional<std::variant<std::string, Outcome, StatusReport>>;
 using Call = std::function<Answer(FanControlClient&)>;
 
 /// ping, status, auto or write KEY VALUE [float]; empty for anything else. An empty last argument
@@ -34,7 +34,7 @@ Call parseCall(Arguments arguments);
 std::optional<std::int64_t> parseInteger(std::string_view text);
 
 /// Says on standard error what the helper refused with, if it did.
-ExitStatus report(const FanControlClient::Outcome& outcome);
+ExitStatus report(const Outcome& outcome);
 
 /// Says on standard error why the last call got no answer.
 ExitStatus reportUnreachable(const FanControlClient& client);

@@ -129,7 +129,7 @@ struct ForceSession {
     return status;
   }
 
-  ExitStatus tell(const std::optional<FanControlClient::Outcome>& outcome) {
+  ExitStatus tell(const std::optional<Outcome>& outcome) {
     if (outcome && outcome->success) return done;
     endLine();
     if (outcome) return report(*outcome);

@@ -49,7 +49,7 @@ ExitStatus show(const std::string& text) {
   return done;
 }
 
-ExitStatus show(const FanControlClient::Outcome& outcome) {
+ExitStatus show(const Outcome& outcome) {
   return report(outcome);
 }
 

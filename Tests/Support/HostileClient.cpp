@@ -5,6 +5,7 @@
 //           reply
 //   crowd   tries to enter 200 times, and again if nobody gets in; each connection let in forces a
 //           fan 100 times; says how many they are, and stays
+//   fill    the same, but each sends as many requests of the greatest size as may wait
 //   ping    is answered 300 pings, or fails, and says how long the slowest in a hundred took
 #include <poll.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include <iostream>
 #include <vector>
 
+#include "Platform/Linux/Channel/Connection.h"
 #include "Support/RawChannel.h"
 
 namespace {
@@ -29,6 +31,21 @@ void pester(const std::string& request, bool isReading) {
   while (channel.send(request)) {
     while (isReading && recv(channel.socket.get(), reply, sizeof reply, MSG_DONTWAIT) > 0) {
     }
+  }
+}
+
+/// Once its ping is answered, a channel's requests all wait.
+void fill(const std::vector<RawChannel>& channels, const std::string& first) {
+  std::string longest(xpc::maxRequestSize, 'k');
+  longest.resize(2 * longest.size() -
+                 xpc::encodeRequest(1, xpc::WriteFanKeyRequest{longest}).size());
+  const std::string request = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{longest});
+  channels.front().send(first);
+  for (const RawChannel& each : channels) {
+    for (int i = &each == &channels.front() ? 1 : 0; i < xpc::maxOutstandingReplies; ++i) {
+      each.send(request);
+    }
+    if (!each.ping()) std::exit(1);
   }
 }
 
@@ -51,21 +68,21 @@ int ping() {
 int main(int, char** arguments) {
   const std::string_view manner = arguments[1];
   if (manner == "ping") return ping();
-  const xpc::Value forced[] = {std::string("F0Md"), std::int64_t{1}, false};
-  const std::string force = xpc::encodeRequest(1, fanControlOperations[0].selector, forced);
-  const std::string status = xpc::encodeRequest(1, fanControlOperations[2].selector, {});
+  const std::string force = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{"F0Md", 1, false});
+  const std::string status = xpc::encodeRequest(1, xpc::StatusRequest());
   if (manner == "flood") pester(force, /*isReading=*/true);
   for (; manner == "mute"; poll(nullptr, 0, /*milliseconds=*/20)) {
     pester(status, /*isReading=*/false);
   }
-  while (manner == "crowd") {
-    const std::vector<RawChannel> channels(200);
-    const auto count = std::ranges::count_if(channels, &RawChannel::enter);
-    if (count == 0) continue;
-    for (int i = 0; i < 100; ++i) {
+  while (manner == "crowd" || manner == "fill") {
+    std::vector<RawChannel> channels(200);
+    std::erase_if(channels, [](const RawChannel& each) { return !each.enter(); });
+    if (channels.empty()) continue;
+    if (manner == "fill") fill(channels, force);
+    for (int i = 0; manner == "crowd" && i < 100; ++i) {
       for (const RawChannel& each : channels) each.send(force);
     }
-    std::cout << count << std::endl;
+    std::cout << channels.size() << std::endl;
     pause();
   }
 }

@@ -3,22 +3,33 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
 
-#include "Platform/Linux/Channel/Socket.h"
-#include "Platform/Linux/Channel/Wire.h"
+#include "Platform/File.h"
+#include "Platform/Linux/Channel/Messages.h"
+#include "Platform/Linux/Channel/Rendezvous.h"
+#include "Platform/Linux/Socket.h"
 
 namespace quorvane::test {
 
 struct RawChannel {
-  /// To the helper's rendezvous.
-  [[nodiscard]] bool connect() const {
+  /// To the helper's rendezvous, as another user if one is given; only root may be that.
+  [[nodiscard]] bool connect(uid_t user = geteuid()) const {
+    // Of this thread alone, which libc's own call does not do.
+    const uid_t before = geteuid();
+    syscall(SYS_setresuid, -1, user, -1);
+    const bool isConnected = connectAsWeAre();
+    syscall(SYS_setresuid, -1, before, -1);
+    return isConnected;
+  }
+  [[nodiscard]] bool connectAsWeAre() const {
     const auto path = xpc::machServiceSocketPath(FanControlConstants::helperMachService);
-    const auto address = xpc::socketAddress(path).value();
-    const auto* const place = reinterpret_cast<const sockaddr*>(&address);
-    return ::connect(socket.get(), place, sizeof address) == 0;
+    const auto address = socketAddress(path).value();
+    return ::connect(socket.get(), address.get(), address.size) == 0;
   }
   /// Connects, echoes the challenge and is answered a ping.
   [[nodiscard]] bool enter() const { return connect() && send(responseToChallenge()) && ping(); }
@@ -42,13 +53,12 @@ struct RawChannel {
   /// The response that admits, once the challenge has come; empty when it does not.
   [[nodiscard]] std::string responseToChallenge() const {
     const auto nonce = decodeNonce(xpc::MessageKind::challenge, receive().value_or(""));
-    return nonce ? encodeNonce(xpc::MessageKind::challengeResponse, *nonce) : "";
+    return nonce ? encodeNonce(xpc::MessageKind::response, *nonce) : "";
   }
   /// Whether the answer of a ping, and just that, comes next.
   [[nodiscard]] bool ping() const {
-    const XPCOperation& operation = fanControlOperations[3];
-    send(xpc::encodeRequest(0, operation.selector, {}));
-    return xpc::decodeReply(receive().value_or(""), operation.reply).has_value();
+    send(xpc::encodeRequest(0, xpc::PingRequest()));
+    return xpc::decodeReply<std::string>(receive().value_or(""), 0).has_value();
   }
 
   Descriptor socket{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};

@@ -45,6 +45,15 @@ class Process {
     const id_t id = static_cast<id_t>(child);
     return waitid(P_PID, id, &ending, WEXITED | WNOHANG | WNOWAIT) == 0 && ending.si_pid == 0;
   }
+  /// The most memory that it has had, in kB (proc(5)).
+  [[nodiscard]] long peakMemory() const {
+    std::ifstream status("/proc/" + std::to_string(child) + "/status");
+    std::string word;
+    while (status >> word && word != "VmHWM:") continue;
+    long kilobytes = 0;
+    status >> kilobytes;
+    return kilobytes;
+  }
   /// Sends a signal, or none for 0, and waits for the end. Its exit status.
   int stop(int number) {
     signal(number);

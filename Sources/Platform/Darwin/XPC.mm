@@ -23,7 +23,7 @@ using OutcomeBlock = void (^)(BOOL success, NSString* _Nullable message);
 using StatusBlock = void (^)(NSDictionary<NSString*, NSString*>* _Nonnull status);
 using PingBlock = void (^)(NSString* _Nonnull answer);
 
-/// What fanControlOperations says, in the terms of the Objective-C runtime. Peers send what they
+/// The operations of FanControlXPC in the terms of the Objective-C runtime. Peers send what they
 /// like: any object may be absent, the reply block included.
 @protocol FanControlXPC
 - (void)writeFanKey:(nullable NSString*)key

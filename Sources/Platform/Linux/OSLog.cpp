@@ -5,7 +5,6 @@
 #include <os/log.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,13 +14,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <string>
 #include <string_view>
 
 #include "Platform/File.h"
+#include "Platform/Linux/Socket.h"
 #include "Platform/SystemPath.h"
 #include "Platform/UTF8.h"
 
@@ -87,20 +86,6 @@ void appendField(std::string& datagram, std::string_view name, std::string_view 
   datagram.append(value) += '\n';
 }
 
-/// True when the journal has the datagram. The socket is made anew for each message, so that a
-/// journal that was restarted, or started late, is found.
-bool sendToJournal(const std::string& datagram) {
-  const std::string path = systemPath("/run/systemd/journal/socket");
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return false;
-  std::memcpy(address.sun_path, path.data(), path.size());
-
-  const Descriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  return sendto(journal.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                reinterpret_cast<const sockaddr*>(&address), sizeof address) >= 0;
-}
-
 /// The line, or nothing when it cannot be taken at once. poll(2) would not do: it calls a terminal
 /// writable that has room for one byte, and two writers can find the same room in a pipe. Nor may
 /// descriptor 2 itself be made non-blocking, for others share its open file. So a pipe or a
@@ -149,7 +134,9 @@ void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...) 
   appendField(datagram, "SYSLOG_IDENTIFIER", program_invocation_short_name);
   appendField(datagram, "SUBSYSTEM", log->subsystem);
   appendField(datagram, "CATEGORY", log->category);
-  if (!sendToJournal(datagram)) {
+  // Sent from a new socket each time, so that a journal that was restarted, or started late, is
+  // found.
+  if (!sendDatagram(systemPath("/run/systemd/journal/socket"), datagram)) {
     std::replace(message.begin(), message.end(), '\n', ' ');
     writeToStandardError(log->subsystem + " " + log->category + ": " + message + "\n");
   }

@@ -9,14 +9,14 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <span>
 #include <string_view>
 
-#include "Platform/Linux/Channel/Exporter.h"
+#include "Platform/Linux/Channel/Delivery.h"
+#include "Platform/Linux/Channel/Gatekeeper.h"
+#include "Platform/Linux/Channel/Messages.h"
 #include "Platform/Linux/Channel/Peer.h"
-#include "Platform/Linux/Channel/Wire.h"
-#include "Platform/Linux/CodeSigning/PeerIdentity.h"
 #include "Platform/Linux/DetachedThread.h"
+#include "Platform/Linux/Socket.h"
 
 namespace quorvane::xpc {
 namespace {
@@ -35,13 +35,33 @@ std::optional<pid_t> soleSender(msghdr& message) {
   return credentials.pid;
 }
 
-/// The socket of one connection and the account of its replies. Owned jointly by the connection's
-/// thread and the replies still to come, so that a late reply never goes to another client on a
-/// reused descriptor. Callable from any thread, but for what only the connection's thread does.
-class Link {
+/// One connection. It belongs to its thread, which outlives every reply still to come: so the
+/// socket is closed there and nowhere else, whatever closing it waits for.
+class ServedConnection {
  public:
-  Link(Descriptor connected, Place inAdmission)
-      : place(std::move(inAdmission)), socket(std::move(connected)) {}
+  ServedConnection(uid_t peerUser, Place inAdmission, std::shared_ptr<Places> placesOfAdmitted,
+                   ConnectionSettings collected)
+      : place(std::move(inAdmission)),
+        user(peerUser),
+        admitted(std::move(placesOfAdmitted)),
+        settings(std::move(collected)) {}
+
+  /// Before the thread starts, and after it could not be started.
+  void exchangeSocket(Descriptor& other) { std::swap(socket, other); }
+
+  /// The thread's work: returns when all replies are given.
+  void run() {
+    try {
+      serve();
+    } catch (const std::bad_alloc&) {
+      // Short of memory this connection is lost, and not the daemon that guards the fans.
+    }
+    // Replies may be owed for long, but the peer learns of the end at once.
+    cutOff();
+    waitForReplies();
+  }
+
+  // Callable from any thread.
 
   /// Never blocks. A peer that does not take what it is sent is cut off.
   void send(std::string_view message) {
@@ -51,6 +71,24 @@ class Link {
     if (!isSent) cutOff();
   }
 
+  void beginReply() {
+    const std::lock_guard lock(mutex);
+    ++outstandingReplies;
+  }
+
+  /// The connection may be gone afterwards.
+  void endReply() {
+    const std::lock_guard lock(mutex);
+    if (--outstandingReplies == 0) changed.notify_one();
+  }
+
+ private:
+  void serve();
+  bool isAdmitted(const Peer& peer);
+  bool echoesChallenge(const Peer& peer, Deadline deadline);
+  bool moveToAdmitted();
+  std::optional<std::string_view> receive(const Peer& peer);
+
   /// What the peer queued before this is not read any more.
   void cutOff() {
     shutdown(socket.get(), SHUT_RDWR);
@@ -59,147 +97,131 @@ class Link {
     changed.notify_one();
   }
 
-  void beginReply() {
-    const std::lock_guard lock(mutex);
-    ++outstandingReplies;
-  }
-
-  void endReply() {
-    const std::lock_guard lock(mutex);
-    if (--outstandingReplies == 0) changed.notify_one();
-  }
-
-  /// Connection's thread only. Where no more replies may be owed, waits until all of them are
-  /// given: to wake for each would cost more than its request. False once cut off.
-  [[nodiscard]] bool waitForRoom() {
+  /// Where no more replies may be owed, waits until all of them are given: to wake for each would
+  /// cost more than its request. False once cut off.
+  bool waitForTurn() {
     std::unique_lock lock(mutex);
-    if (outstandingReplies == maxOutstandingReplies) {
+    if (outstandingReplies >= maxOutstandingReplies) {
       changed.wait(lock, [this] { return isOver || outstandingReplies == 0; });
     }
     return !isOver;
   }
 
-  /// Connection's thread only. The next message, when it is one from this process; nothing when the
-  /// connection must end.
-  [[nodiscard]] std::optional<std::string_view> receive(const Peer& peer, std::span<char> buffer) {
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
-    iovec data{buffer.data(), buffer.size()};
-    msghdr message{};
-    ssize_t size = -1;
-    do {
-      message.msg_iov = &data;
-      message.msg_iovlen = 1;
-      message.msg_control = control.data();
-      message.msg_controllen = control.size();
-      size = recvmsg(socket.get(), &message, MSG_CMSG_CLOEXEC);
-    } while (size < 0 && errno == EINTR);
-    const auto sender = size < 0 ? std::nullopt : soleSender(message);
-    if (!sender || !peer.isSender(*sender)) return std::nullopt;
-    return std::string_view(buffer.data(), static_cast<std::size_t>(size));
+  void waitForReplies() {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [this] { return outstandingReplies == 0; });
   }
 
-  /// Connection's thread only. Exchanges the place in admission for one among the admitted.
-  [[nodiscard]] bool moveTo(Places& admitted) {
-    Place next = admitted.take();
-    if (!next) return false;
-    place = std::move(next);
-    return true;
-  }
-
-  [[nodiscard]] int descriptor() const { return socket.get(); }
-
- private:
-  // In this order: the place is free again only when the descriptor is closed.
+  // In this order: the place is free again only when closing the socket has returned.
   Place place;
   Descriptor socket;
-  std::mutex mutex;
+
+  const uid_t user;
+  const std::shared_ptr<Places> admitted;
+  const ConnectionSettings settings;
+  std::array<char, maxRequestSize> buffer;  // not set to zero: most of it is never touched
+
+  std::mutex mutex;  // guards what follows
   std::condition_variable changed;
   int outstandingReplies = 0;
   bool isOver = false;
 };
 
-/// One more reply of the link, owed until this goes.
-class OwedReply final : public Answer {
+/// One more reply of the connection, owed until this goes.
+class OwedReply final : public ReplySink {
  public:
-  explicit OwedReply(std::shared_ptr<Link> owing) : link(std::move(owing)) { link->beginReply(); }
-  ~OwedReply() override { link->endReply(); }
+  explicit OwedReply(ServedConnection& owing) : connection(owing) { connection.beginReply(); }
+  ~OwedReply() override { connection.endReply(); }
 
-  void give(std::string_view reply) override { link->send(reply); }
+  void give(std::string_view reply) override { connection.send(reply); }
 
  private:
-  const std::shared_ptr<Link> link;
+  ServedConnection& connection;
 };
 
-bool isRequirementMet(const Peer& peer, const std::optional<std::string>& requirement) {
-  if (!requirement) return false;
-  const Descriptor executable = peer.openExecutable();
-  return executable && satisfiesRequirement(executable.get(), *requirement);
+void ServedConnection::serve() {
+  const Peer peer(socket.get());
+  if (!isAdmitted(peer)) return;
+  for (;;) {
+    const auto message = receive(peer);
+    std::optional<Request> request = message ? decodeRequest(*message) : std::nullopt;
+    if (!request) return;
+    // A ping does not go through the queue, so that it does not matter how many requests wait
+    // there.
+    if (!std::holds_alternative<PingRequest>(request->operation) && !waitForTurn()) return;
+    deliver(std::move(*request), *settings.object, std::make_shared<OwedReply>(*this));
+  }
+}
+
+/// Cheap for a peer that lacks a part of the delegate's consent. The gatekeeper looks at what the
+/// peer runs; the challenge at whether the peer itself is who reads and sends.
+bool ServedConnection::isAdmitted(const Peer& peer) {
+  const Deadline deadline = std::chrono::steady_clock::now() + settings.timeToAdmit;
+  return settings.interface && settings.object && settings.requirement &&
+         admits(peer, *settings.requirement, deadline) && echoesChallenge(peer, deadline) &&
+         moveToAdmitted();
 }
 
 /// A signed executable is not yet a signed sender: its messages may have been queued before it was
-/// executed, or come from somebody who was handed its socket. Only who reads the connection now,
-/// and is this process, can echo the nonce.
-bool echoesChallenge(Link& link, const Peer& peer, std::span<char> buffer, Deadline deadline) {
+/// executed, or come from a process that was handed its socket. Only a process that reads the
+/// connection now, and is this one, can echo the nonce.
+bool ServedConnection::echoesChallenge(const Peer& peer, Deadline deadline) {
   Nonce nonce{};
   if (getrandom(nonce.data(), nonce.size(), 0) != static_cast<ssize_t>(nonce.size())) return false;
-  link.send(encodeNonce(MessageKind::challenge, nonce));
-  if (!limitBlocking(link.descriptor(), SO_RCVTIMEO, deadline)) return false;
-  const auto response = link.receive(peer, buffer);
-  return response && decodeNonce(MessageKind::challengeResponse, *response) == nonce &&
-         limitBlocking(link.descriptor(), SO_RCVTIMEO, std::nullopt);
+  send(encodeNonce(MessageKind::challenge, nonce));
+  if (!limitBlocking(socket.get(), SO_RCVTIMEO, deadline)) return false;
+  const auto response = receive(peer);
+  return response && decodeNonce(MessageKind::response, *response) == nonce &&
+         limitBlocking(socket.get(), SO_RCVTIMEO, std::nullopt);
 }
 
-struct Service {
-  std::shared_ptr<Link> link;
-  std::shared_ptr<Places> admitted;
-  ConnectionSettings settings;
-};
-
-void serve(const Service& service) {
-  const ConnectionSettings& settings = service.settings;
-  const Deadline deadline = std::chrono::steady_clock::now() + settings.timeToAdmit;
-  Link& link = *service.link;
-  // Not set to zero: of its pages, only those that requests reach are ever taken.
-  const auto memory = std::make_unique_for_overwrite<char[]>(maxRequestSize);
-  const std::span<char> buffer(memory.get(), maxRequestSize);
-  const Peer peer(link.descriptor());
-  const bool isAdmitted = settings.object && isRequirementMet(peer, settings.requirement) &&
-                          echoesChallenge(link, peer, buffer, deadline) &&
-                          link.moveTo(*service.admitted);
-  if (!isAdmitted) return;
-
-  while (link.waitForRoom()) {
-    const auto request = link.receive(peer, buffer);
-    if (!request) return;
-    const bool isDelivered = deliver(*request, settings.interface, *settings.object,
-                                     std::make_shared<OwedReply>(service.link));
-    if (!isDelivered) return;
-  }
+/// Exchanges the place in admission for one among the admitted.
+bool ServedConnection::moveToAdmitted() {
+  Place next = admitted->take(user);
+  if (!next) return false;
+  place = std::move(next);
+  return true;
 }
 
-void* runService(void* argument) {
-  const std::unique_ptr<const Service> service(static_cast<const Service*>(argument));
-  try {
-    serve(*service);
-  } catch (const std::bad_alloc&) {
-    // Short of memory this connection is lost, but not the daemon that guards the fans.
-  }
-  // Replies that are still owed keep the descriptor open; the peer learns of the end at once.
-  service->link->cutOff();
+/// The next message, when it is one from this process, until the next call; nothing when the
+/// connection must end.
+std::optional<std::string_view> ServedConnection::receive(const Peer& peer) {
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
+  iovec data{buffer.data(), buffer.size()};
+  msghdr message{};
+  ssize_t size = -1;
+  do {
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    size = recvmsg(socket.get(), &message, MSG_CMSG_CLOEXEC);
+  } while (size < 0 && errno == EINTR);
+  const auto sender = size < 0 ? std::nullopt : soleSender(message);
+  if (!sender || !peer.hasSent(*sender)) return std::nullopt;
+  return std::string_view(buffer.data(), static_cast<std::size_t>(size));
+}
+
+void* runConnection(void* argument) {
+  const std::unique_ptr<ServedConnection> connection(static_cast<ServedConnection*>(argument));
+  connection->run();
   return nullptr;
 }
 
 }  // namespace
 
-void startServing(Descriptor socket, Place inAdmission, std::shared_ptr<Places> admitted,
-                  ConnectionSettings settings) {
-  auto service = std::make_unique<Service>(
-      Service{std::make_shared<Link>(std::move(socket), std::move(inAdmission)),
-              std::move(admitted), std::move(settings)});
-  if (startDetachedThread(runService, service.get()) == 0) {
+bool startServing(Descriptor& socket, uid_t user, Place inAdmission,
+                  std::shared_ptr<Places> admitted, ConnectionSettings settings) {
+  auto connection = std::make_unique<ServedConnection>(user, std::move(inAdmission),
+                                                       std::move(admitted), std::move(settings));
+  connection->exchangeSocket(socket);
+  if (startDetachedThread(runConnection, connection.get()) == 0) {
     // The thread owns it now.
-    static_cast<void>(service.release());
+    static_cast<void>(connection.release());
+    return true;
   }
+  connection->exchangeSocket(socket);
+  return false;
 }
 
 }  // namespace quorvane::xpc

@@ -1,6 +1,6 @@
-// The server's end of one connection: what the delegate settles about it on the listener's thread,
-// and the thread of its own that admits the peer and serves it until either side is done. The
-// connection ends in silence, whatever the reason; nobody else notices.
+// The guard's end of one connection: what the delegate settles about it on the listener's thread,
+// and the thread of its own that admits the peer, serves it until either side is done, and closes
+// the socket. The connection ends in silence, whatever the reason; nobody else notices.
 #pragma once
 
 #include <chrono>
@@ -9,25 +9,28 @@
 #include <string>
 #include <utility>
 
+#include "Platform/File.h"
 #include "Platform/Linux/Channel/Places.h"
-#include "Platform/Linux/Channel/Socket.h"
 #include "Platform/XPC.h"
 
 namespace quorvane::xpc {
 
 /// A few companions, one for each logged-in user, with room to spare.
 inline constexpr int maxAdmittedConnections = 32;
-/// Peers that have proved nothing yet; each costs a thread and the check of a signature.
+/// A quarter: four users at least have to conspire to keep others out.
+inline constexpr int maxAdmittedConnectionsOfOneUser = 8;
+/// Peers that have proved nothing yet. Each costs a thread and a gatekeeper.
 inline constexpr int maxConnectionsInAdmission = 16;
-/// Requests of one connection that wait for a reply; at this number no more are read before
-/// all are answered.
+inline constexpr int maxConnectionsInAdmissionOfOneUser = 4;
+/// Requests of one connection that wait for a reply. At this number only pings are read before all
+/// are answered.
 inline constexpr int maxOutstandingReplies = 64;
-/// Within this time a peer must be through admission; only reading a large executable from a slow
+/// Within this time a peer must be through admission. Only reading a large executable from a slow
 /// disk takes a noticeable part of it.
 inline constexpr std::chrono::seconds admissionTimeout{5};
 
 struct ConnectionSettings {
-  Interface interface;
+  std::optional<Interface> interface;
   std::shared_ptr<FanControlXPC> object;
   std::optional<std::string> requirement;
   std::chrono::milliseconds timeToAdmit = admissionTimeout;
@@ -49,10 +52,10 @@ class IncomingConnection final : public Connection {
   bool resumed = false;
 };
 
-/// Serves the peer behind a socket that has SO_PASSCRED set. It holds the given place until it is
-/// admitted, then one of `admitted`, until the last reply that it owes is given. Without a thread
-/// to serve on, it is closed.
-void startServing(Descriptor socket, Place inAdmission, std::shared_ptr<Places> admitted,
-                  ConnectionSettings settings);
+/// Serves the peer behind a socket that has SO_PASSCRED set, on a thread of its own. The connection
+/// holds the given place until it is admitted, then one of `admitted`, until its socket has been
+/// closed. The socket is taken only if there is a thread: else false.
+[[nodiscard]] bool startServing(Descriptor& socket, uid_t user, Place inAdmission,
+                                std::shared_ptr<Places> admitted, ConnectionSettings settings);
 
 }  // namespace quorvane::xpc

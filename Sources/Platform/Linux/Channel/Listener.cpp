@@ -1,3 +1,4 @@
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -10,6 +11,8 @@
 #include <utility>
 
 #include "Platform/Linux/Channel/Connection.h"
+#include "Platform/Linux/Channel/Discard.h"
+#include "Platform/Linux/Channel/Peer.h"
 #include "Platform/Linux/Channel/Rendezvous.h"
 #include "Platform/Linux/DetachedThread.h"
 #include "Platform/Linux/ServiceManager.h"
@@ -22,10 +25,11 @@ namespace {
 /// not to burn a processor, short enough for a client that tries again.
 constexpr std::chrono::seconds exhaustionPause{1};
 
-/// What a connection holds at most: while its peer is looked at, and from then on.
-constexpr rlim_t descriptorsInAdmission = 6;
+/// What a connection holds at most: in admission the socket and the pidfds of peer and gatekeeper,
+/// then the first two.
+constexpr rlim_t descriptorsInAdmission = 3;
 constexpr rlim_t descriptorsAdmitted = 2;
-/// Kept from the peers, for the restore, its record and the log: twice of what they need at once.
+/// Reserved for the restore, its record and the log: twice what they need at once.
 constexpr rlim_t descriptorsReserved = 8;
 
 /// How many descriptors peers may take. The kernel gives the lowest number that is free, so those
@@ -37,10 +41,13 @@ rlim_t descriptorsForPeers(int listening) {
   return limit.rlim_cur - taken;
 }
 
-/// As many places as half of the descriptors for peers suffice for, and no more than `most`.
-std::shared_ptr<Places> makePlaces(int listening, rlim_t descriptorsEach, int most) {
+/// At most `most` places, limited to half the peers' descriptors; one user's share shrinks with
+/// them.
+std::shared_ptr<Places> makePlaces(int listening, rlim_t descriptorsEach, int most,
+                                   int mostOfOneUser) {
   const rlim_t enough = descriptorsForPeers(listening) / 2 / descriptorsEach;
-  return std::make_shared<Places>(static_cast<int>(std::min(enough, static_cast<rlim_t>(most))));
+  const int total = static_cast<int>(std::min(enough, static_cast<rlim_t>(most)));
+  return std::make_shared<Places>(total, std::max(1, total * mostOfOneUser / most));
 }
 
 /// Takes what connects and hands it to the delegate, on the listener's thread.
@@ -49,31 +56,42 @@ class Acceptor {
   Acceptor(Descriptor listeningSocket, std::shared_ptr<ListenerDelegate> listenerDelegate)
       : listening(std::move(listeningSocket)),
         delegate(std::move(listenerDelegate)),
-        inAdmission(makePlaces(listening.get(), descriptorsInAdmission, maxConnectionsInAdmission)),
-        admitted(makePlaces(listening.get(), descriptorsAdmitted, maxAdmittedConnections)) {}
+        inAdmission(makePlaces(listening.get(), descriptorsInAdmission, maxConnectionsInAdmission,
+                               maxConnectionsInAdmissionOfOneUser)),
+        admitted(makePlaces(listening.get(), descriptorsAdmitted, maxAdmittedConnections,
+                            maxAdmittedConnectionsOfOneUser)) {}
 
+  /// Throws nothing but std::bad_alloc.
   void acceptNext() {
-    Descriptor socket(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (socket) {
-      receive(std::move(socket));
+    // Left over, if memory or threads were short.
+    if (incoming && !discard(incoming)) return rest();
+    incoming = Descriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (incoming) {
+      if (!startServingIncoming() && !discard(incoming)) rest();
     } else if (errno != EINTR && errno != ECONNABORTED) {
-      std::this_thread::sleep_for(exhaustionPause);
+      rest();
     }
   }
 
+  static void rest() { std::this_thread::sleep_for(exhaustionPause); }
+
  private:
-  void receive(Descriptor socket) {
-    Place place = inAdmission->take();
-    if (!place || !delegate) return;
+  bool startServingIncoming() {
+    const auto user = userOfPeer(incoming.get());
+    Place place = user ? inAdmission->take(*user) : nullptr;
+    if (!place || !delegate) return false;
     IncomingConnection connection;
-    if (!delegate->shouldAcceptNewConnection(connection) || !connection.resumed) return;
-    startServing(std::move(socket), std::move(place), admitted, std::move(connection.settings));
+    return delegate->shouldAcceptNewConnection(connection) && connection.resumed &&
+           startServing(incoming, *user, std::move(place), admitted,
+                        std::move(connection.settings));
   }
 
-  Descriptor listening;
-  std::shared_ptr<ListenerDelegate> delegate;
-  std::shared_ptr<Places> inAdmission;
-  std::shared_ptr<Places> admitted;
+  const Descriptor listening;
+  const std::shared_ptr<ListenerDelegate> delegate;
+  const std::shared_ptr<Places> inAdmission;
+  const std::shared_ptr<Places> admitted;
+  /// Not closed here, because that could wait: taken by a connection's thread, or discarded.
+  Descriptor incoming;
 };
 
 void* runAcceptor(void* argument) {
@@ -82,7 +100,8 @@ void* runAcceptor(void* argument) {
     try {
       acceptor.acceptNext();
     } catch (const std::bad_alloc&) {
-      // Short of memory this client is lost, but not the daemon that guards the fans.
+      // Short of memory this client is lost, and not the daemon that guards the fans.
+      Acceptor::rest();
     }
   }
 }
@@ -107,6 +126,8 @@ void Listener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
 std::optional<std::string> Listener::resume() {
   Descriptor listening;
   if (auto reason = openRendezvous(implementation->machServiceName, listening)) return reason;
+  // Were it inherited as ignored, no gatekeeper's verdict could be had (waitid(2)).
+  signal(SIGCHLD, SIG_DFL);
   auto acceptor = std::make_unique<Acceptor>(std::move(listening), implementation->delegate);
   if (const int error = startDetachedThread(runAcceptor, acceptor.get()); error != 0) {
     return std::string("cannot start the listener's thread: ") + std::strerror(error);

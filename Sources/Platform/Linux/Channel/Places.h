@@ -1,7 +1,11 @@
-// A bounded number of places, so that peers cannot make the helper hold ever more. Shared by those
-// who take places and those who hold one; callable from any thread.
+// A bounded number of places, and of those a smaller number for each user, so that neither all
+// peers together nor one user's can make the helper hold ever more, and no user takes them all.
+// Shared by those who take places and those who hold one; callable from any thread.
 #pragma once
 
+#include <sys/types.h>
+
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -12,26 +16,33 @@ using Place = std::shared_ptr<const void>;
 
 class Places : public std::enable_shared_from_this<Places> {
  public:
-  explicit Places(int count) : free(count) {}
+  /// `ofOneUser` does not bound root, against whom no bound would help.
+  Places(int total, int ofOneUser) : free(total), userBound(ofOneUser) {}
 
-  /// Null when all are taken.
-  [[nodiscard]] Place take() {
+  /// Null when all are taken, or all that this user may have.
+  [[nodiscard]] Place take(uid_t user) {
     {
       const std::lock_guard lock(mutex);
-      if (free == 0) return nullptr;
+      const auto found = takenBy.find(user);
+      const int taken = found == takenBy.end() ? 0 : found->second;
+      if (free == 0 || (user != 0 && taken == userBound)) return nullptr;
+      takenBy[user] = taken + 1;
       --free;
     }
-    return {this, [self = shared_from_this()](const void*) { self->giveBack(); }};
+    return {this, [self = shared_from_this(), user](const void*) { self->giveBack(user); }};
   }
 
  private:
-  void giveBack() {
+  void giveBack(uid_t user) {
     const std::lock_guard lock(mutex);
     ++free;
+    if (--takenBy[user] == 0) takenBy.erase(user);
   }
 
   std::mutex mutex;
   int free;
+  const int userBound;
+  std::map<uid_t, int> takenBy;  // users with at least one place
 };
 
 }  // namespace quorvane::xpc

@@ -1,6 +1,7 @@
 #include "Platform/Linux/Channel/Rendezvous.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,9 +10,14 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <map>
+#include <semaphore>
+#include <set>
 #include <system_error>
 
+#include "Platform/File.h"
+#include "Platform/Linux/DetachedThread.h"
+#include "Platform/Linux/Socket.h"
+#include "Platform/SystemPath.h"
 #include "Platform/XPC.h"
 
 namespace quorvane::xpc {
@@ -26,6 +32,9 @@ constexpr mode_t lockMode = 0600;
 /// Clients that connect while the listener's thread is busy wait here, and further ones in
 /// connect(2).
 constexpr int backlog = 16;
+
+/// SO_PASSRIGHTS (include/uapi/asm-generic/socket.h); libc does not know it yet.
+constexpr int passRights = 83;
 
 /// Why the service cannot be had; `isServed` when that is because another process serves it.
 struct Obstacle {
@@ -48,26 +57,56 @@ std::optional<Obstacle> makeFolder(const std::filesystem::path& folder) {
   return std::nullopt;
 }
 
-/// Holds the lock of the name until the process ends; again does nothing.
-std::optional<Obstacle> holdLock(const std::string& name) {
-  // Never freed: there is no need to, and nothing then depends on the order of destruction.
-  static auto& held = *new std::map<std::string, Descriptor>;
-  if (held.contains(name)) return std::nullopt;
-
+/// Takes the lock; `lock` is to be kept.
+std::optional<Obstacle> takeLock(const std::string& name, Descriptor& lock) {
   const std::string path = machServiceSocketPath(name) + ".lock";
   if (auto failure = makeFolder(std::filesystem::path(path).parent_path())) return failure;
-  Descriptor lock = openFile(path, O_RDWR | O_CREAT | O_NOFOLLOW, lockMode);
+  lock = openFile(path, O_RDWR | O_CREAT | O_NOFOLLOW, lockMode);
   if (!lock) return obstacle("cannot open ", path);
-  if (flock(lock.get(), LOCK_EX | LOCK_NB) == 0) {
-    // The kernel takes the lock back at the end.
-    held.emplace(name, std::move(lock));
-    return std::nullopt;
-  }
+  if (flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return std::nullopt;
   if (errno == EWOULDBLOCK) return Obstacle{"another process serves " + name, /*isServed=*/true};
   return obstacle("cannot lock ", path);
 }
 
+/// Holds the lock of one name on a thread, with a table of descriptors that no other thread shares:
+/// when the process ends while a thread of it is stuck in the kernel, the lock is free all the
+/// same.
+struct LockHolder {
+  std::string name;
+  std::optional<Obstacle> found;
+  std::binary_semaphore isDone{0};
+
+  static void* run(void* argument) {
+    auto& holder = *static_cast<LockHolder*>(argument);
+    Descriptor lock;
+    holder.found = unshare(CLONE_FILES) == 0 ? takeLock(holder.name, lock)
+                                             : obstacle("cannot hold the lock of ", holder.name);
+    const bool isHeld = !holder.found;
+    holder.isDone.release();
+    while (isHeld) pause();
+    return nullptr;
+  }
+};
+
+/// Holds the lock of the name until the process ends; again does nothing.
+std::optional<Obstacle> holdLock(const std::string& name) {
+  // Never freed: there is no need to, and nothing then depends on the order of destruction.
+  static auto& held = *new std::set<std::string>;
+  if (held.contains(name)) return std::nullopt;
+  LockHolder holder{name, std::nullopt};
+  if (const int error = startDetachedThread(LockHolder::run, &holder); error != 0) {
+    return obstacle("cannot hold the lock of ", name, error);
+  }
+  holder.isDone.acquire();
+  if (!holder.found) held.insert(name);
+  return holder.found;
+}
+
 }  // namespace
+
+std::string machServiceSocketPath(std::string_view name) {
+  return systemPath("/run/quorvane/").append(name);
+}
 
 std::optional<std::string> claimMachService(const std::string& name) {
   const std::optional<Obstacle> found = holdLock(name);
@@ -77,7 +116,7 @@ std::optional<std::string> claimMachService(const std::string& name) {
 
 std::optional<std::string> openRendezvous(const std::string& name, Descriptor& socket) {
   const std::string path = machServiceSocketPath(name);
-  const std::optional<sockaddr_un> address = socketAddress(path);
+  const auto address = socketAddress(path);
   if (!address) return "the path is too long for a socket: " + path;
   if (const auto found = holdLock(name)) return found->reason;
 
@@ -89,9 +128,12 @@ std::optional<std::string> openRendezvous(const std::string& name, Descriptor& s
   if (setsockopt(listening.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) {
     return obstacle("cannot learn who the clients are of ", name).reason;
   }
-  // Who held the lock before is gone, and its socket with it, but for the name.
+  // Where the kernel can (from Linux 6.16 on), it refuses descriptors that a peer sends along.
+  const int off = 0;
+  setsockopt(listening.get(), SOL_SOCKET, passRights, &off, sizeof off);
+  // The process that held the lock before is gone. It left the name of its socket.
   unlink(path.c_str());
-  if (bind(listening.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0 ||
+  if (bind(listening.get(), address->get(), address->size) != 0 ||
       chmod(path.c_str(), socketMode) != 0 || listen(listening.get(), backlog) != 0) {
     return obstacle("cannot listen on ", path).reason;
   }

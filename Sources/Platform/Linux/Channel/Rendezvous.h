@@ -5,10 +5,14 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
-#include "Platform/Linux/Channel/Socket.h"
+#include "Platform/File.h"
 
 namespace quorvane::xpc {
+
+/// The socket at which a Mach service of this name is met, below the system root.
+std::string machServiceSocketPath(std::string_view name);
 
 /// Makes `socket` listen at the name's rendezvous, taking the lock if this process does not hold
 /// it yet. Yields why nobody can connect, in one line.

@@ -1,12 +1,11 @@
-// Fuzzes the server's end of a connection whose peer is admitted: datagrams in, replies out, with
+// Fuzzes the guard's end of a connection whose peer is admitted: datagrams in, replies out, with
 // the real service on the virtual dispatch and the scripted SMC. An input is datagrams between
 // separators; the byte in front of each says how many seconds pass before it comes.
 #include <cassert>
 #include <cstring>
 #include <list>
 
-#include "Platform/Linux/Channel/Exporter.h"
-#include "Platform/Linux/Channel/Wire.h"
+#include "Platform/Linux/Channel/Delivery.h"
 #include "QuorvaneFanHelper/FanHelperService.h"
 #include "Support/ScriptedSMC.h"
 #include "Support/TemporaryRoot.h"
@@ -44,16 +43,21 @@ void checkCall(const ScriptedSMC::Call& call) {
 }
 
 /// Holds the reply against its request, and counts it.
-struct CheckedAnswer final : Answer {
-  CheckedAnswer(const std::optional<Request>& asked, std::size_t size, int& counted)
-      : request(asked), requestSize(size), count(counted) {}
-  void give(std::string_view bytes) override {
-    assert(request && ++count == 1);
-    const auto reply = decodeReply(bytes, request->operation->reply);
-    assert(reply && reply->callNumber == request->callNumber);
-    assert(bytes.size() <= requestSize + maxReplySize - maxRequestSize);
+struct CheckedSink final : ReplySink {
+  CheckedSink(const Request& asked, std::size_t size, int& counted)
+      : number(asked.callNumber),
+        kind(asked.operation.index()),
+        requestSize(size),
+        count(counted) {}
+  void give(std::string_view reply) override {
+    assert(++count == 1);
+    assert(kind == 2   ? decodeReply<StatusReport>(reply, number).has_value()
+           : kind == 3 ? decodeReply<std::string>(reply, number).has_value()
+                       : decodeReply<Outcome>(reply, number).has_value());
+    assert(reply.size() <= requestSize + 256);
   }
-  const std::optional<Request> request;
+  const std::uint32_t number;
+  const std::size_t kind;
   const std::size_t requestSize;
   int& count;
 };
@@ -61,16 +65,15 @@ struct CheckedAnswer final : Answer {
 /// Does with a datagram what a connection does; false when that must end. Adds the number of
 /// replies to a request.
 bool receive(std::string_view datagram, FanHelperService& helper, std::list<int>& replies) {
-  const auto request = decodeRequest(datagram, fanControlOperations);
-  replies.push_back(request ? 0 : 1);  // what is no request is owed none
-  const auto answer = std::make_shared<CheckedAnswer>(request, datagram.size(), replies.back());
-  const bool isDelivered = deliver(datagram, {fanControlOperations}, helper, answer);
-  assert(isDelivered == request.has_value());
-  if (!isDelivered) return false;
-  // A request has one encoding, but that an absent key is read as the empty one.
-  const auto& [number, operation, arguments] = *request;
-  const bool hasNoKey = !arguments.empty() && arguments[0] == Value(std::string());
-  assert(hasNoKey || encodeRequest(number, operation->selector, arguments) == datagram);
+  const auto request = decodeRequest(datagram);
+  if (!request) return false;
+  // A request has one encoding. An absent key has another, and is read as the empty one.
+  const auto* write = std::get_if<WriteFanKeyRequest>(&request->operation);
+  assert((write != nullptr && write->key.empty()) ||
+         encodeRequest(request->callNumber, request->operation) == datagram);
+  replies.push_back(0);
+  deliver(*request, helper,
+          std::make_shared<CheckedSink>(*request, datagram.size(), replies.back()));
   return true;
 }
 

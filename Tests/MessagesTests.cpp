@@ -1,0 +1,64 @@
+// What the helper and its companions have to agree on: the bytes between them, and the texts that
+// installed ones and their signatures depend on, spelt out whole.
+#include "Platform/Linux/Channel/Messages.h"
+
+#include <gtest/gtest.h>
+
+namespace quorvane::xpc {
+namespace {
+
+using namespace std::string_literals;
+
+// The worked example of Documentation/channel.md, byte for byte.
+const std::string request = "\x02\x03\x07\0\0\0\x01\xE1\x2E\0\0\0\0\0\0\0\x01\x04\0F0Tg"s;
+const std::string refusal = "\x02\x04\x07\0\0\0\0\x01\x10\0RPM out of range"s;
+
+std::optional<WriteFanKeyRequest> written(std::string_view message) {
+  auto decoded = decodeRequest(message);
+  if (!decoded) return std::nullopt;
+  return std::get<WriteFanKeyRequest>(std::move(decoded->operation));
+}
+
+TEST(Messages, ValuesPassUnchanged) {
+  EXPECT_EQ(encodeRequest(7, WriteFanKeyRequest{"F0Tg", 12001, false}), request);
+  EXPECT_EQ(written(request)->key, "F0Tg");
+  EXPECT_EQ(written(request)->value, 12001);
+  EXPECT_EQ(encodeReply(7, Outcome{false, "RPM out of range"}), refusal);
+  EXPECT_EQ(decodeReply<Outcome>(refusal, 7)->message, "RPM out of range");
+  const std::string absent = request.substr(0, 16) + '\0';
+  EXPECT_EQ(written(absent)->key, "") << "an absent key";
+  EXPECT_EQ(written(encodeRequest(1, WriteFanKeyRequest{"", INT64_MIN, true}))->value, INT64_MIN);
+  const StatusReport report{{"k", "v"}, {"", ""}};
+  EXPECT_EQ(decodeReply<StatusReport>(encodeReply(1, report), 1), report);
+}
+
+// The fuzz target "messages" has the guard's side of this, without what a text may hold.
+TEST(Messages, MalformedOnesAreNone) {
+  for (std::size_t i = 0; i < request.size(); ++i) EXPECT_FALSE(written(request.substr(0, i)));
+  EXPECT_FALSE(written(request + '\0'));
+  const std::pair<std::size_t, char> faults[] = {{0, 1}, {1, 4}, {6, 0}, {6, 5}, {15, 2}, {20, -1}};
+  for (const auto& [offset, byte] : faults) {
+    std::string faulty = request;
+    faulty[offset] = byte;
+    EXPECT_FALSE(decodeRequest(faulty)) << offset;
+  }
+  EXPECT_FALSE(decodeReply<Outcome>(refusal, 8)) << "another call's";
+  const auto statusOf = [](const std::string& entries) {
+    return decodeReply<StatusReport>("\x02\x04\x01\0\0\0"s + entries, 1).has_value();
+  };
+  EXPECT_TRUE(statusOf("\x01\x01\0k\x01\0v"s));
+  EXPECT_FALSE(statusOf("\x02\x01\0k\x01\0v\x01\0k\x01\0v"s)) << "duplicate key";
+  EXPECT_FALSE(statusOf("\xFF\x01\0k\x01\0v"s)) << "more than there are bytes for";
+}
+
+TEST(Messages, TextsAreTheAgreedOnes) {
+  EXPECT_EQ(FanControlConstants::appCodeRequirement(),
+            R"(anchor apple generic and certificate leaf[subject.OU] = "X4TQ8RW2ZN" and )"
+            R"((identifier "com.quorvane.app" or identifier "com.quorvane.app-vendra"))");
+  EXPECT_EQ(FanControlConstants::helperCodeRequirement,
+            R"(identifier "com.quorvane.fanhelper" and anchor apple generic and )"
+            R"(certificate leaf[subject.OU] = "X4TQ8RW2ZN")");
+}
+
+}  // namespace
+}  // namespace quorvane::xpc
