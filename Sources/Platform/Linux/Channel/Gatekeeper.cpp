@@ -62,6 +62,7 @@ class SpawnSettings {
 
 /// The gatekeeper's process number; nothing without a gatekeeper.
 std::optional<pid_t> start(const Peer& peer, const std::string& requirement) {
+  if (peer.descriptor() < 0) return std::nullopt;
   const std::string program = programPath();
   std::string name = "quorvane-codesign", command = "admit", text = requirement,
               number = std::to_string(peer.number());
