@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -29,24 +27,17 @@ std::string timestamp() {
   return text;
 }
 
-/// One call where the folder is there, as it is for all lines but the first.
-void makeFolder(const std::string& path) {
-  constexpr mode_t defaultPermissions = 0777;  // subject to the umask
-  if (::mkdir(path.c_str(), defaultPermissions) == 0 || errno != ENOENT) return;
-  std::error_code ignored;
-  std::filesystem::create_directories(path, ignored);
-}
-
 /// False when there is no file that can be opened; a line that could not be written to an open one
 /// is lost.
 bool appendToExisting(const std::string& path, std::string_view line) {
-  const Descriptor file = openFile(path, O_WRONLY);
-  if (!file) return false;
-  if (::lseek(file.get(), 0, SEEK_END) >= 0) writeAll(file.get(), line);
-  return true;
+  const Descriptor file = openFile(path, O_WRONLY | O_APPEND);
+  if (file) writeAll(file.get(), line);
+  return static_cast<bool>(file);
 }
 
 void writeNew(const std::string& path, std::string_view line) {
+  std::error_code ignored;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
   // Not truncated: what could not be opened a moment ago may be there by now. Not exclusive: a link
   // that leads nowhere yet gets its file.
   const Descriptor file = openFile(path, O_WRONLY | O_CREAT | O_APPEND, filePermissions);
@@ -60,7 +51,7 @@ void writeNew(const std::string& path, std::string_view line) {
 void audit(std::string_view message) {
   const std::string line = timestamp().append("  ").append(message).append("\n");
   const std::string path = systemPath(FanControlConstants::auditLogPath);
-  makeFolder(path.substr(0, path.rfind('/')));
+  // A file that opens has its folder.
   if (!appendToExisting(path, line)) writeNew(path, line);
 }
 
