@@ -27,6 +27,7 @@ TEST_F(Processes, ASessionOfTwoClientsUnderTheJournalsEyes) {
             "true\nfalse\tRefused:  is not a fan-control key\nfalse\tBad mode value\n"
             "version=1.0.0\tmodel=Macmini9,1\tsmcOpen=1\tfanCount=2\tforcedFans=0,1\tleaseSeconds="
             "20\nok 1.0.0\n");
+  for (const int ignored : {SIGHUP, SIGQUIT}) daemon->signal(ignored);
   EXPECT_EQ(mac.sh("fanctl write FNum 3").front(), '1');
   EXPECT_EQ(daemon->stop(SIGTERM), 0);
   EXPECT_EQ(mac.audited(),
@@ -50,6 +51,11 @@ TEST_F(Processes, BothSignalsAtOnceRestoreOnce) {
   EXPECT_EQ(mac.audited(),
             "helper 1.0.0 started; model=Mac\uFFFD fans=2\nwrite F1Md=1\n"
             "restore → automatic (shutdown); fans=[1]\n");
+}
+
+TEST_F(Processes, ASignalAmidTheStartIsServedLikeAnyOther) {
+  mac.root.write("/stop-early", "");
+  EXPECT_TRUE(mac.sh("timeout 20 UnluckyHelper").starts_with("0:")) << "124 when it serves on";
 }
 
 TEST_F(Processes, TheServiceManagerIsToldAndNeverWaitedFor) {

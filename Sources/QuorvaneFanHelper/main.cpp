@@ -5,6 +5,7 @@
 #include <os/log.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -30,22 +31,33 @@ using FanControlConstants::helperMachService;
   std::exit(EXIT_FAILURE);
 }
 
-/// An ignored signal is lost until its source is there; one that is blocked as well waits for it.
-void holdSignals() {
+/// From here on SIGTERM and SIGINT wait for their sources. Linux keeps a signal that is blocked for
+/// its source even while it is ignored; XNU discards it. To begin to ignore a signal discards one
+/// that waits, on either system: yields those that waited just before.
+sigset_t holdSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  sigset_t waiting;
+  sigpending(&waiting);
+  signal(SIGTERM, SIG_IGN);
+  signal(SIGINT, SIG_IGN);
+  return waiting;
+}
+
+[[noreturn]] void restoreAndExit(FanHelperService& service) {
+  service.shutdownReleasing();
+  std::exit(EXIT_SUCCESS);
 }
 
 /// Everything made here lives until the process ends: neither exit() nor macOS's dispatch_main(),
 /// which ends the main thread, unwinds anything.
 [[noreturn]] void runDaemon(os_log_t log) {
   // A line that nobody can read, or that the disk does not take, is an error to its writer and not
-  // the end of the fans' guard.
-  signal(SIGPIPE, SIG_IGN);
-  signal(SIGXFSZ, SIG_IGN);
+  // the end of the fans' guard; nor is a terminal that is closed, or the quit key.
+  for (const int each : {SIGPIPE, SIGXFSZ, SIGHUP, SIGQUIT}) signal(each, SIG_IGN);
   // As the service managers have it, for a start by hand: nobody else writes into our folders.
   umask(022);
   if (const auto obstacle = xpc::claimMachService(helperMachService)) fail(*obstacle);
@@ -53,18 +65,15 @@ void holdSignals() {
   const auto service = std::make_shared<FanHelperService>();
   service->startup();
 
-  holdSignals();
-  signal(SIGTERM, SIG_IGN);
-  signal(SIGINT, SIG_IGN);
+  const sigset_t early = holdSignals();
   const dispatch::SignalSource sigterm(SIGTERM, [log, service] {
     os_log(log, "SIGTERM — restoring automatic fans and exiting");
-    service->shutdownReleasing();
-    std::exit(EXIT_SUCCESS);
+    restoreAndExit(*service);
   });
-  const dispatch::SignalSource sigint(SIGINT, [service] {
-    service->shutdownReleasing();
-    std::exit(EXIT_SUCCESS);
-  });
+  const dispatch::SignalSource sigint(SIGINT, [service] { restoreAndExit(*service); });
+  for (const int each : {SIGTERM, SIGINT}) {
+    if (sigismember(&early, each) == 1) kill(getpid(), each);
+  }
 
   xpc::Listener listener(helperMachService);
   listener.setDelegate(std::make_shared<ListenerDelegate>(service));

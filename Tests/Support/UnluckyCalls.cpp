@@ -1,7 +1,8 @@
 // What may befall a daemon, between it and the calls that it makes: a test build of it has these in
 // their place, by the linker's --wrap. The process is killed where the environment variable
 // KILL_POINT says, at an even number before a call of the driver and at an odd one after it,
-// counted from 0. While the root has a file "clock-set-back", the wall clock shows an hour ago.
+// counted from 0. Files in the root do the rest: while there is "clock-set-back", the wall clock
+// shows an hour ago; "stop-early" lets SIGTERM come once, as soon as a thread blocks it.
 #include <IOKit/IOKitLib.h>
 #include <signal.h>
 #include <time.h>
@@ -18,6 +19,11 @@ static void passKillPoint() {
   if (point != nullptr && passed++ == std::atoi(point)) kill(getpid(), SIGKILL);
 }
 
+/// True once for each time that the root has such a file.
+static bool occurs(const char* what) {
+  return unlink(quorvane::systemPath(what).c_str()) == 0;
+}
+
 extern "C" {
 
 decltype(IOConnectCallStructMethod) __real_IOConnectCallStructMethod;
@@ -28,6 +34,13 @@ kern_return_t __wrap_IOConnectCallStructMethod(mach_port_t connection, uint32_t 
   const kern_return_t result =
       __real_IOConnectCallStructMethod(connection, selector, input, inputSize, output, outputSize);
   passKillPoint();
+  return result;
+}
+
+decltype(pthread_sigmask) __real_pthread_sigmask;
+int __wrap_pthread_sigmask(int how, const sigset_t* signals, sigset_t* before) noexcept {
+  const int result = __real_pthread_sigmask(how, signals, before);
+  if (how == SIG_BLOCK && occurs("/stop-early")) kill(getpid(), SIGTERM);
   return result;
 }
 
