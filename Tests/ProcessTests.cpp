@@ -53,6 +53,19 @@ TEST_F(Processes, BothSignalsAtOnceRestoreOnce) {
             "restore → automatic (shutdown); fans=[1]\n");
 }
 
+// The driver throws while it holds the hardware's file, and whoever needs that has to wait for it.
+TEST_F(Processes, AFailureEndsItOnceAllFansAreAutomatic) {
+  for (const std::string failure : {"std::bad_alloc", "int"}) {
+    const auto daemon = mac.start("UnluckyHelper 2>$QUORVANE_ROOT/log");
+    EXPECT_EQ(mac.batch("write\tF0Md\t1\nwrite\tF1Md\t1\n"), "true\ntrue\n");
+    mac.root.write(failure == "int" ? "/surprise" : "/no-memory", "");
+    ASSERT_EQ(mac.sh("fanctl write F1Tg 2500").front(), '3');
+    EXPECT_EQ(daemon->stop(0), 128 + SIGABRT);
+    EXPECT_EQ(mac.modes(), "00");
+    EXPECT_NE(mac.root.read("/log").find("instance of '" + failure + "'"), std::string::npos);
+  }
+}
+
 TEST_F(Processes, ASignalAmidTheStartIsServedLikeAnyOther) {
   mac.root.write("/stop-early", "");
   EXPECT_TRUE(mac.sh("timeout 20 UnluckyHelper").starts_with("0:")) << "124 when it serves on";

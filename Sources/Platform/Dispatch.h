@@ -1,5 +1,7 @@
 // A thin RAII layer over the libdispatch calls: a serial queue, a one-shot timer, a signal source.
-// Blocks are lambdas, boxed through the context pointer. The same code on macOS and on Linux.
+// Blocks are lambdas, boxed through the context pointer. The same code on macOS and on Linux. An
+// exception that leaves a block ends the process, by std::terminate(), once it has passed all of
+// the block's frames.
 #pragma once
 
 #include <dispatch/dispatch.h>

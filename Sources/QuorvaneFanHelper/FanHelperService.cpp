@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "Platform/UTF8.h"
 #include "QuorvaneFanHelper/AuditLog.h"
+#include "QuorvaneFanHelper/LastResort.h"
 
 namespace quorvane {
 namespace {
@@ -134,6 +136,7 @@ std::optional<std::string> FanHelperService::performWriteLocked(const std::strin
 
 void FanHelperService::sendLocked(const FanKey& fanKey, const std::string& key,
                                   std::int64_t value) {
+  const std::lock_guard turn(forcingTurn());
   switch (fanKey.kind) {
     case FanKey::Kind::target:
       return smc.writeRPM(key, static_cast<double>(value));

@@ -1,6 +1,7 @@
 // The only way to the System Management Controller: one user-client connection to the AppleSMC
 // driver, over which 80-byte parameter records are exchanged. Has exactly one owner and no lock:
-// the service uses its own from its queue only, probe mode another one from the main thread.
+// the service uses its own from its queue only, probe mode another one from the main thread, and
+// the last resort a third from the thread that failed.
 #pragma once
 
 #include <IOKit/IOKitLib.h>

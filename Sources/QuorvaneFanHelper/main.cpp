@@ -18,6 +18,7 @@
 #include "Platform/XPC.h"
 #include "QRVFanShared/FanControlXPC.h"
 #include "QuorvaneFanHelper/FanHelperService.h"
+#include "QuorvaneFanHelper/LastResort.h"
 #include "QuorvaneFanHelper/ListenerDelegate.h"
 #include "QuorvaneFanHelper/Probe.h"
 
@@ -49,6 +50,8 @@ sigset_t holdSignals() {
 
 [[noreturn]] void restoreAndExit(FanHelperService& service) {
   service.shutdownReleasing();
+  // A last resort that is under way comes to its end, and none begins.
+  forcingTurn().lock();
   std::exit(EXIT_SUCCESS);
 }
 
@@ -61,6 +64,8 @@ sigset_t holdSignals() {
   // As the service managers have it, for a start by hand: nobody else writes into our folders.
   umask(022);
   if (const auto obstacle = xpc::claimMachService(helperMachService)) fail(*obstacle);
+  // Not before: another process's fans are not ours to free.
+  installLastResort();
 
   const auto service = std::make_shared<FanHelperService>();
   service->startup();

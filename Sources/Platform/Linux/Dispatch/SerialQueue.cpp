@@ -4,8 +4,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "Platform/Linux/DetachedThread.h"
 
@@ -32,11 +32,22 @@ struct SyncCall {
   }
 };
 
+/// An exception that nobody catches would end the process where it is thrown. Here it has passed
+/// the block's frames, and they have let go of what they held: the terminate handler may need it.
+/// libdispatch on macOS does the same (object.m, _dispatch_client_callout).
+void run(const Block& block) {
+  try {
+    block.work(block.context);
+  } catch (...) {
+    std::terminate();
+  }
+}
+
 }  // namespace
 
 void fatal(const char* what, int error) {
   std::fprintf(stderr, "dispatch: %s: %s\n", what, std::strerror(error));
-  std::abort();
+  std::terminate();
 }
 
 SerialQueue* SerialQueue::createWithThread(const char* name) {
@@ -87,7 +98,7 @@ void SerialQueue::release() {
 
 void SerialQueue::drain() {
   drainedHere = this;
-  while (const std::optional<Block> block = nextBlock()) block->work(block->context);
+  while (const std::optional<Block> block = nextBlock()) run(*block);
 }
 
 std::optional<Block> SerialQueue::nextBlock() {

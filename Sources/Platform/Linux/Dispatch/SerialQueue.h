@@ -14,8 +14,8 @@
 
 namespace quorvane::dispatch {
 
-/// Ends the process with one line on standard error: the layer cannot start, or its caller breaks
-/// the rules of the calls. `error` is an error number that says how.
+/// Ends the process, by std::terminate(), with one line on standard error: the layer cannot go on,
+/// or its caller breaks the rules of the calls. `error` is an error number that says how.
 [[noreturn]] void fatal(const char* what, int error);
 
 struct Block {
