@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
@@ -48,6 +49,7 @@ std::vector<Certificate> readCertificates(const std::string& path) {
     if (!certificate) break;
     certificates.push_back(std::move(certificate));
   }
+  ERR_clear_error();  // as which libcrypto counts the end of the file
   return certificates;
 }
 

@@ -1,7 +1,6 @@
 #include "Platform/Linux/CodeSigning/Verification.h"
 
 #include <fcntl.h>
-#include <openssl/err.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
@@ -227,9 +226,7 @@ Verdict verifySignature(int executable, const std::string& anchors) {
   const std::optional<Bytes> signature = readWhole(file, maxSignatureSize);
   if (!signature) return Refusal{"the signature is too large"};
   initialiseLibcrypto();
-  Verdict verdict = Verification(executable, anchors).run(*signature);
-  ERR_clear_error();
-  return verdict;
+  return Verification(executable, anchors).run(*signature);
 }
 
 }  // namespace quorvane::codesigning
