@@ -21,7 +21,8 @@ inline constexpr char helperMachService[] = "com.quorvane.fanhelper";
 inline constexpr char helperPlistName[] = "com.quorvane.fanhelper.plist";
 inline constexpr std::array<std::string_view, 2> appBundleIDs{"com.quorvane.app",
                                                               "com.quorvane.app-vendra"};
-inline constexpr std::string_view teamID = "X4TQ8RW2ZN";
+/// Ten letters and digits, chosen when building.
+inline constexpr std::string_view teamID = QUORVANE_TEAM_ID;
 /// How long one forcing write keeps manual control, in seconds.
 inline constexpr std::int64_t leaseSeconds = 20;
 /// How long a manual period may last however often it is renewed, in seconds.
@@ -30,7 +31,7 @@ inline constexpr char auditLogPath[] = "/Library/Application Support/Quorvane/fa
 /// What the helper's own signature satisfies; for the application's side.
 inline constexpr std::string_view helperCodeRequirement =
     "identifier \"com.quorvane.fanhelper\" and anchor apple generic and "
-    "certificate leaf[subject.OU] = \"X4TQ8RW2ZN\"";
+    "certificate leaf[subject.OU] = \"" QUORVANE_TEAM_ID "\"";
 
 /// What a client's signature must satisfy, in the code-signing requirement language; composed on
 /// each call.
