@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "Support/Eventually.h"
+#include "Support/Lingering.h"
 #include "Support/RawChannel.h"
 #include "Support/SimulatedMac.h"
 
@@ -50,13 +51,15 @@ TEST_F(HostileClients, FloodsDelayNoPingAndEndWithTheRestore) {
 }
 
 // Both fans are forced. Then one client is killed, another stops while it waits for replies, a
-// third never reads any, and the wall clock is set back. Twenty real seconds.
+// third never reads any, a fourth has left what takes a minute to close, and the wall clock is set
+// back. Twenty real seconds.
 TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
   const auto daemon = mac.start("UnluckyHelper 2>$QUORVANE_ROOT/log");
   const Process mute("hostile mute"), stopped("hostile flood");
   Process dying("fanctl force 1 2500");
   mac.waitForWrites(200);
   while (mac.modes() != "11") std::this_thread::yield();
+  EXPECT_EQ(Process("hostile linger").stop(0), 0);
   stopped.signal(SIGSTOP);
   dying.stop(SIGKILL);
   std::this_thread::sleep_for(std::chrono::seconds(1));  // all that was queued is done by then
@@ -91,6 +94,20 @@ TEST_F(HostileClients, CrowdsAreBoundedAndLeaveARestoreItsDescriptors) {
   EXPECT_EQ(mac.modes(), "00");
   EXPECT_NE(mac.audited().find(expired + "[0]\nwrite F0Md=1\n"), std::string::npos);
   EXPECT_EQ(mac.audited().find("error"), std::string::npos);
+}
+
+// Four strangers of one user wait for admission, and the others are refused; in each connection
+// lies what takes a minute to close.
+TEST_F(HostileClients, NobodyWaitsForWhatStrangersLeaveBehind) {
+  if (geteuid() != 0) GTEST_SKIP() << "takes another user";
+  const auto daemon = mac.start("UnluckyHelper");
+  for (const test::RawChannel& each : std::vector<test::RawChannel>(20)) {
+    EXPECT_TRUE(each.connect(1));
+    test::sendLingering(each.socket.get());
+  }
+  EXPECT_EQ(mac.sh("timeout 5 fanctl ping"), "0:ok 1.0.0\n");
+  EXPECT_EQ(mac.sh("timeout 5 fanctl auto"), "0:");
+  EXPECT_EQ(daemon->stop(SIGTERM), 0);
 }
 
 // The driver does not answer, so that every request that may wait does.

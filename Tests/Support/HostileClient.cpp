@@ -6,6 +6,7 @@
 //   crowd   tries to enter 200 times, and again if nobody gets in; each connection let in forces a
 //           fan 100 times; says how many they are, and stays
 //   fill    the same, but each sends as many requests of the greatest size as may wait
+//   linger  stops fan 0, and leaves behind requests and what takes a minute to close
 //   ping    is answered 300 pings, or fails, and says how long the slowest in a hundred took
 #include <poll.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "Platform/Linux/Channel/Connection.h"
+#include "Support/Lingering.h"
 #include "Support/RawChannel.h"
 
 namespace {
@@ -70,6 +72,14 @@ int main(int, char** arguments) {
   if (manner == "ping") return ping();
   const std::string force = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{"F0Md", 1, false});
   const std::string status = xpc::encodeRequest(1, xpc::StatusRequest());
+  if (manner == "linger") {
+    const RawChannel channel;
+    if (!channel.enter()) return 1;
+    for (int i = 0; i < xpc::maxOutstandingReplies; ++i) {
+      channel.send(xpc::encodeRequest(1, xpc::WriteFanKeyRequest{"F0Tg", 0, false}));
+    }
+    return test::sendLingering(channel.socket.get()) ? 0 : 1;
+  }
   if (manner == "flood") pester(force, /*isReading=*/true);
   for (; manner == "mute"; poll(nullptr, 0, /*milliseconds=*/20)) {
     pester(status, /*isReading=*/false);

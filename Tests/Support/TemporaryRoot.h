@@ -15,6 +15,7 @@ class TemporaryRoot {
   TemporaryRoot() {
     std::string pattern = std::filesystem::temp_directory_path() / "quorvane.XXXXXX";
     folder = mkdtemp(pattern.data());
+    std::filesystem::permissions(folder, std::filesystem::perms{0755});  // other users come in
     setenv("QUORVANE_ROOT", folder.c_str(), 1);
   }
   ~TemporaryRoot() {

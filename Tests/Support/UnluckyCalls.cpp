@@ -6,9 +6,11 @@
 // hardware to itself; "stop-early" lets SIGTERM come once, as soon as a thread blocks it.
 #include <IOKit/IOKitLib.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <new>
 
@@ -51,6 +53,14 @@ int __wrap_pthread_sigmask(int how, const sigset_t* signals, sigset_t* before) n
   const int result = __real_pthread_sigmask(how, signals, before);
   if (how == SIG_BLOCK && occurs("/stop-early")) kill(getpid(), SIGTERM);
   return result;
+}
+
+/// As on a kernel before Linux 6.16, which knows no SO_PASSRIGHTS.
+decltype(setsockopt) __real_setsockopt;
+int __wrap_setsockopt(int socket, int level, int name, const void* value, socklen_t size) noexcept {
+  if (name != 83) return __real_setsockopt(socket, level, name, value, size);
+  errno = ENOPROTOOPT;
+  return -1;
 }
 
 decltype(clock_gettime) __real_clock_gettime;

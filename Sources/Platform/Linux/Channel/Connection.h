@@ -17,7 +17,7 @@ namespace quorvane::xpc {
 
 /// A few companions, one for each logged-in user, with room to spare.
 inline constexpr int maxAdmittedConnections = 32;
-/// A quarter: four users at least have to conspire to keep others out.
+/// A quarter. Another quarter is root's alone.
 inline constexpr int maxAdmittedConnectionsOfOneUser = 8;
 /// Peers that have proved nothing yet. Each costs a thread and a gatekeeper.
 inline constexpr int maxConnectionsInAdmission = 16;

@@ -1,6 +1,7 @@
-// A bounded number of places, and of those a smaller number for each user, so that neither all
-// peers together nor one user's can make the helper hold ever more, and no user takes them all.
-// Shared by those who take places and those who hold one; callable from any thread.
+// A bounded number of places, so that peers cannot make the helper hold ever more. Each user other
+// than root may have a share of them, and one share is root's alone: so no user takes them all, and
+// root comes in even past a crowd of users. Shared by those who take places and those who hold one;
+// callable from any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -16,18 +17,18 @@ using Place = std::shared_ptr<const void>;
 
 class Places : public std::enable_shared_from_this<Places> {
  public:
-  /// `ofOneUser` does not bound root, against whom no bound would help.
-  Places(int total, int ofOneUser) : free(total), userBound(ofOneUser) {}
+  Places(int total, int ofOneUser)
+      : free(total), freeForUsers(total - ofOneUser), share(ofOneUser) {}
 
-  /// Null when all are taken, or all that this user may have.
+  /// Null when there is none for this user.
   [[nodiscard]] Place take(uid_t user) {
     {
       const std::lock_guard lock(mutex);
       const auto found = takenBy.find(user);
       const int taken = found == takenBy.end() ? 0 : found->second;
-      if (free == 0 || (user != 0 && taken == userBound)) return nullptr;
+      if (free == 0 || (user != 0 && (freeForUsers == 0 || taken == share))) return nullptr;
       takenBy[user] = taken + 1;
-      --free;
+      add(user, -1);
     }
     return {this, [self = shared_from_this(), user](const void*) { self->giveBack(user); }};
   }
@@ -35,13 +36,19 @@ class Places : public std::enable_shared_from_this<Places> {
  private:
   void giveBack(uid_t user) {
     const std::lock_guard lock(mutex);
-    ++free;
+    add(user, 1);
     if (--takenBy[user] == 0) takenBy.erase(user);
+  }
+
+  void add(uid_t user, int places) {
+    free += places;
+    if (user != 0) freeForUsers += places;
   }
 
   std::mutex mutex;
   int free;
-  const int userBound;
+  int freeForUsers;
+  const int share;
   std::map<uid_t, int> takenBy;  // users with at least one place
 };
 
