@@ -1,16 +1,16 @@
 #include "Tools/FanctlForce.h"
 
-#include <pthread.h>
+#include <signal.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
-#include <ctime>
 #include <iomanip>
 #include <iostream>
 #include <string>
 #include <string_view>
 
+#include "Platform/Clock.h"
 #include "QRVFanShared/FanControlXPC.h"
 
 namespace quorvane::fanctl {
@@ -31,13 +31,7 @@ constexpr Duration handOverLead = 1s;
 constexpr Duration lastRenewalBeforeEnd = FanControlClient::replyTimeout;
 static_assert(lastRenewalBeforeEnd + renewalInterval < lease);
 
-sigset_t stopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  return signals;
-}
+volatile sig_atomic_t stopRequested = 0;
 
 /// One fan under manual control, from the first write to the last.
 struct ForceSession {
@@ -160,23 +154,30 @@ struct ForceSession {
 }  // namespace
 
 SignalClock::SignalClock() {
-  const sigset_t signals = stopSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  struct sigaction request {};
+  request.sa_handler = [](int) { stopRequested = 1; };
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGINT, SIGTERM}) {
+    sigaddset(&signals, signal);
+    sigaction(signal, &request, nullptr);
+  }
+  pthread_sigmask(SIG_BLOCK, &signals, &unblocked);
+  for (const int signal : {SIGINT, SIGTERM}) sigdelset(&unblocked, signal);
 }
 
 Duration SignalClock::now() {
-  timespec time{};
-  clock_gettime(CLOCK_BOOTTIME, &time);
-  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+  return monotonicTime();
 }
 
 bool SignalClock::stopRequestedBy(Duration deadline) {
   const Duration left = std::max<Duration>(deadline - now(), 0s);
   const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
   const timespec timeout{seconds.count(), (left - seconds).count()};
-  const sigset_t signals = stopSignals();
-  // The signals are blocked, so one that came while a call was under way is found here.
-  return sigtimedwait(&signals, nullptr, &timeout) > 0;
+  // The signals are blocked everywhere else, so one that came while a call was under way is found
+  // here.
+  pselect(0, nullptr, nullptr, nullptr, &timeout, &unblocked);
+  return stopRequested != 0;
 }
 
 ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequest& request) {

@@ -2,6 +2,8 @@
 // signal. Runs on the main thread.
 #pragma once
 
+#include <signal.h>
+
 #include <chrono>
 #include <cstdint>
 
@@ -21,13 +23,16 @@ class ForceClock {
   virtual bool stopRequestedBy(Duration deadline) = 0;
 };
 
-/// The clock by which the helper counts lease and cap too, the one that goes on in suspend. From
-/// its making on, SIGINT and SIGTERM are a request to stop and nothing else.
+/// The clock by which the helper counts lease and cap too. From its making on, SIGINT and SIGTERM
+/// are a request to stop and nothing else.
 class SignalClock : public ForceClock {
  public:
   SignalClock();
   Duration now() override;
   bool stopRequestedBy(Duration deadline) override;
+
+ private:
+  sigset_t unblocked;
 };
 
 struct ForceRequest {

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Clock.h"
 #include "Platform/Linux/Drivers/SMCFile.h"
 #include "Platform/SystemPath.h"
 
@@ -166,7 +167,7 @@ int showOnce() {
     }
     machine = file.machine;
   }
-  showMachine(machine, bootTime());
+  showMachine(machine, monotonicTime());
   return std::fflush(stdout) == 0 ? exitDone : failed("cannot write the output");
 }
 
@@ -202,7 +203,7 @@ int set(const Arguments& arguments) {
     }
     Data value{};
     std::copy(bytes->begin(), bytes->end(), value.begin());
-    machine.setValue(key, value, bootTime());
+    machine.setValue(key, value, monotonicTime());
     return "";
   });
 }
@@ -210,7 +211,7 @@ int set(const Arguments& arguments) {
 int remove(const Arguments& arguments) {
   if (arguments.size() != 1) return misused("remove takes a key");
   return editKey(arguments[0], [](SMCMachine& machine, Key& key) {
-    machine.remove(key, bootTime());
+    machine.remove(key, monotonicTime());
     return "";
   });
 }

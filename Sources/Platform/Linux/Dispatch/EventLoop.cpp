@@ -5,11 +5,11 @@
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "Platform/Clock.h"
 #include "Platform/Linux/DetachedThread.h"
 #include "Platform/Linux/ServiceManager.h"
 
@@ -30,10 +30,7 @@ bool asksToEnd(int signal) {
 }  // namespace
 
 std::uint64_t nowNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * NSEC_PER_SEC +
-         static_cast<std::uint64_t>(now.tv_nsec);
+  return static_cast<std::uint64_t>(monotonicTime().count());
 }
 
 EventSource::EventSource(SerialQueue& target, int signalNumber)

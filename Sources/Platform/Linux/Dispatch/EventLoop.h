@@ -86,8 +86,8 @@ class EventLoop {
   sigset_t watchedSignals{};  // only grows
 };
 
-/// Nanoseconds on the clock of the timers, which counts the time in suspend: what falls due while
-/// the machine sleeps fires when it wakes.
+/// monotonicTime(), which counts the time in suspend: what falls due while the machine sleeps fires
+/// when it wakes.
 std::uint64_t nowNanoseconds();
 
 }  // namespace quorvane::dispatch

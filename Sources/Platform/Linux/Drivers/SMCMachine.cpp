@@ -1,7 +1,5 @@
 #include "Platform/Linux/Drivers/SMCMachine.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -76,12 +74,6 @@ FourCharCode fanKey(unsigned index, std::string_view suffix) {
   std::string name("F");
   name.append(std::to_string(index)).append(suffix);
   return fourCharCode(name);
-}
-
-nanoseconds bootTime() {
-  timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);  // Cannot fail for a clock that every kernel in use has.
-  return std::chrono::seconds(now.tv_sec) + nanoseconds(now.tv_nsec);
 }
 
 SMCMachine SMCMachine::fresh(unsigned fanCount, FourCharCode speedType) {

@@ -1,6 +1,6 @@
 // A simulated machine as its SMC sees it: keys with their values, and fans that need time to follow
 // what is asked of them. A plain value, the same for the driver and for smcsim; it has no clock, no
-// thread and no file, and is told the time with each call.
+// thread and no file, and is told monotonicTime() with each call.
 #pragma once
 
 #include <array>
@@ -89,8 +89,5 @@ class SMCMachine {
 
 /// "F", the index and the suffix ("Ac", "Tg", "Mn", "Mx", "Md").
 FourCharCode fanKey(unsigned index, std::string_view suffix);
-
-/// Time since boot, suspend included, which is the clock that a machine is told.
-std::chrono::nanoseconds bootTime();
 
 }  // namespace quorvane::simulation

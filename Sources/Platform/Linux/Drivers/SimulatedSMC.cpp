@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "Platform/Clock.h"
 #include "Platform/Linux/Drivers/SMCCall.h"
 #include "Platform/Linux/Drivers/SMCFile.h"
 
@@ -92,7 +93,7 @@ kern_return_t SimulatedSMC::callStructMethod(std::uint32_t selector, const void*
   const int error = opened.open(
       file, request->command == Command::write ? SMCFile::Access::change : SMCFile::Access::read);
   const Answer answer =
-      error != 0 ? withStatus(kernelReturn(error)) : serve(*request, opened, bootTime());
+      error != 0 ? withStatus(kernelReturn(error)) : serve(*request, opened, monotonicTime());
   // The lock is still held: lines come in the order of effects.
   appendToTrace(file + ".trace", *request, answer);
   return smc::send(answer, output, outputSize);
