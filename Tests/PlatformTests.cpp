@@ -1,4 +1,4 @@
-// The small stand-ins for what macOS has and Linux has not: texts, the model name, the log.
+// The small stand-ins for what macOS has and Linux has not: the model name, the log.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <os/log.h>
@@ -6,30 +6,12 @@
 #include <sys/sysctl.h>
 
 #include "Platform/Linux/Socket.h"
-#include "Platform/UTF8.h"
 #include "Support/TemporaryRoot.h"
 
 namespace quorvane {
 namespace {
 
 using namespace std::string_literals;
-
-TEST(Platform, EachMaximalSubpartOfInvalidUTF8BecomesOneReplacement) {
-  const std::string r = "\uFFFD", last = "\xDF\xBF\xEF\xBF\xBF\xF4\x8F\xBF\xBF";  // of each length
-  const std::pair<std::string, std::string> rows[] = {
-      {last, last},
-      {"a\x80\xBF", "a" + r + r},                                   // trail bytes alone
-      {"\xC0\xAF\xE0\x9F\xBF", r + r + r + r + r},                  // overlong
-      {"\xED\xA0\x80\xF4\x90\x80\x80", r + r + r + r + r + r + r},  // surrogate; past the last
-      {"\xF5\xFF", r + r},
-      {"\xF1\x80\xE1\x80\x80", r + "\u1000"},  // cut short by another character
-      {"x\xF0\x9F\x8C", "x" + r},              // and by the end
-  };
-  for (const auto& [text, replaced] : rows) {
-    EXPECT_EQ(replacingInvalidUTF8(text), replaced);
-    EXPECT_EQ(isValidUTF8(text), text == replaced) << replaced;
-  }
-}
 
 // The model of most machines is in every process test.
 TEST(Platform, TheModelMayComeFromTheDeviceTree) {

@@ -47,6 +47,26 @@ Subpart firstSubpart(std::string_view text) {
   return {length, lead.trailCount > 0 && length == lead.trailCount + 1};
 }
 
+bool isSurrogate(char32_t unit, char32_t first) {
+  return unit >= first && unit < first + 0x400;
+}
+
+/// A Unicode scalar value, as table 3-6 distributes its bits.
+void append(std::string& text, char32_t character) {
+  const auto trail = [character](int shift) {
+    return static_cast<char>(0x80 | (character >> shift & 0x3F));
+  };
+  if (character < 0x80) {
+    text += static_cast<char>(character);
+  } else if (character < 0x800) {
+    text += {static_cast<char>(0xC0 | character >> 6), trail(0)};
+  } else if (character < 0x10000) {
+    text += {static_cast<char>(0xE0 | character >> 12), trail(6), trail(0)};
+  } else {
+    text += {static_cast<char>(0xF0 | character >> 18), trail(12), trail(6), trail(0)};
+  }
+}
+
 }  // namespace
 
 bool isValidUTF8(std::string_view text) {
@@ -64,6 +84,22 @@ std::string replacingInvalidUTF8(std::string_view text) {
     const Subpart part = firstSubpart(text);
     result.append(part.wellFormed ? text.substr(0, part.length) : "\xEF\xBF\xBD");
     text.remove_prefix(part.length);
+  }
+  return result;
+}
+
+std::string toUTF8(std::u16string_view text) {
+  constexpr char32_t firstHigh = 0xD800, firstLow = 0xDC00, replacement = 0xFFFD;
+  std::string result;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char32_t character = text[i];
+    const bool isHigh = isSurrogate(character, firstHigh);
+    if (isHigh && i + 1 < text.size() && isSurrogate(text[i + 1], firstLow)) {
+      character = 0x10000 + ((character - firstHigh) << 10) + (text[++i] - firstLow);
+    } else if (isHigh || isSurrogate(character, firstLow)) {
+      character = replacement;
+    }
+    append(result, character);
   }
   return result;
 }

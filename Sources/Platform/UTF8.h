@@ -12,4 +12,7 @@ bool isValidUTF8(std::string_view text);
 /// The text with each maximal subpart of an ill-formed sequence replaced by one U+FFFD.
 std::string replacingInvalidUTF8(std::string_view text);
 
+/// The text with each half of a surrogate pair that lacks the other replaced by U+FFFD.
+std::string toUTF8(std::u16string_view text);
+
 }  // namespace quorvane
