@@ -1,39 +1,19 @@
 // The XPC facade over Foundation, compiled with ARC. Foundation calls in on the listener's thread
 // and on each connection's; replies go out on whichever thread gives them.
 //
-// Whatever Foundation calls here, and every reply, is noexcept. An exception of either language
-// ends the process there, with its text in the crash report, and is neither swallowed nor thrown
-// into code that does not expect it. launchd starts the helper again, and that hands the fans back.
-#import <Foundation/Foundation.h>
+// Whatever Foundation calls here, and every reply, is noexcept. Foundation would swallow an
+// exception of either language and drop the message; here it ends the process by std::terminate().
+#import "Platform/Darwin/ListenerDelegate.h"
 
-#include <cstdint>
+#include <cstddef>
 #include <memory>
 #include <optional>
+#include <semaphore>
 #include <string>
 #include <string_view>
 #include <utility>
 
-#include "Platform/XPC.h"
-
-#if !__has_feature(objc_arc)
-#error "Without ARC reply blocks would outlive their stack frames."
-#endif
-
-using OutcomeBlock = void (^)(BOOL success, NSString* _Nullable message);
-using StatusBlock = void (^)(NSDictionary<NSString*, NSString*>* _Nonnull status);
-using PingBlock = void (^)(NSString* _Nonnull answer);
-
-/// The operations of FanControlXPC in the terms of the Objective-C runtime. Peers send what they
-/// like: any object may be absent, the reply block included.
-@protocol FanControlXPC
-- (void)writeFanKey:(nullable NSString*)key
-              value:(std::int64_t)value
-            isFloat:(BOOL)isFloat
-              reply:(nullable OutcomeBlock)reply;
-- (void)restoreAutoWithReply:(nullable OutcomeBlock)reply;
-- (void)statusWithReply:(nullable StatusBlock)reply;
-- (void)pingWithReply:(nullable PingBlock)reply;
-@end
+#import "Platform/Darwin/FanControlProtocol.h"
 
 namespace quorvane::xpc {
 namespace {
@@ -43,32 +23,31 @@ auto endingOnException(const Call& call) noexcept {
   return call();
 }
 
-NSString* _Nonnull toNSString(std::string_view text) {
-  return [[NSString alloc] initWithBytes:text.data()
-                                  length:text.size()
-                                encoding:NSUTF8StringEncoding];
-}
+/// Of one connection, at a time.
+constexpr std::ptrdiff_t maxWaitingRequests = 64;
+using Places = std::counting_semaphore<maxWaitingRequests>;
+using Place = std::shared_ptr<Places>;
 
-/// Empty for an absent text, and for one with half a surrogate pair, which UTF-8 cannot express.
-/// Neither is the name of a key.
-std::string fromNSString(NSString* _Nullable text) {
-  NSData* const utf8 = [text dataUsingEncoding:NSUTF8StringEncoding];
-  if (utf8 == nil) return {};
-  return {static_cast<const char*>(utf8.bytes), utf8.length};
+/// Holds up the calling thread, which is the connection's own, while as many requests as may wait
+/// for their reply. The place is free again when the last copy of the result is gone.
+Place take(const std::shared_ptr<Places>& places) {
+  places->acquire();
+  return {places.get(), [places](Places* taken) { taken->release(); }};
 }
 
 // Dispatch empties its threads' autorelease pools when it pleases, hence pools of our own.
 
-FanControlXPC::OutcomeReply outcomeReply(OutcomeBlock _Nullable reply) {
-  return [reply](bool success, const std::optional<std::string>& message) noexcept {
+FanControlXPC::OutcomeReply outcomeReply(OutcomeBlock _Nullable reply, Place place) {
+  return [reply, place = std::move(place)](bool success,
+                                           const std::optional<std::string>& message) noexcept {
     @autoreleasepool {
       if (reply != nil) reply(success, message ? toNSString(*message) : nil);
     }
   };
 }
 
-FanControlXPC::StatusReply statusReply(StatusBlock _Nullable reply) {
-  return [reply](const StatusReport& status) noexcept {
+FanControlXPC::StatusReply statusReply(StatusBlock _Nullable reply, Place place) {
+  return [reply, place = std::move(place)](const StatusReport& status) noexcept {
     @autoreleasepool {
       NSMutableDictionary<NSString*, NSString*>* const dictionary =
           [[NSMutableDictionary alloc] init];
@@ -96,11 +75,15 @@ FanControlXPC::PingReply pingReply(PingBlock _Nullable reply) {
 
 @implementation QRVExportedObject {
   std::shared_ptr<quorvane::FanControlXPC> service;
+  std::shared_ptr<quorvane::xpc::Places> places;
 }
 
 - (instancetype)initWithService:(std::shared_ptr<quorvane::FanControlXPC>)exported {
   self = [super init];
-  if (self != nil) service = std::move(exported);
+  if (self != nil) {
+    service = std::move(exported);
+    places = std::make_shared<quorvane::xpc::Places>(quorvane::xpc::maxWaitingRequests);
+  }
   return self;
 }
 
@@ -110,17 +93,19 @@ FanControlXPC::PingReply pingReply(PingBlock _Nullable reply) {
               reply:(OutcomeBlock)reply {
   quorvane::xpc::endingOnException([&] {
     service->writeFanKey(quorvane::xpc::fromNSString(key), value, isFloat,
-                         quorvane::xpc::outcomeReply(reply));
+                         quorvane::xpc::outcomeReply(reply, quorvane::xpc::take(places)));
   });
 }
 
 - (void)restoreAutoWithReply:(OutcomeBlock)reply {
-  quorvane::xpc::endingOnException(
-      [&] { service->restoreAuto(quorvane::xpc::outcomeReply(reply)); });
+  quorvane::xpc::endingOnException([&] {
+    service->restoreAuto(quorvane::xpc::outcomeReply(reply, quorvane::xpc::take(places)));
+  });
 }
 
 - (void)statusWithReply:(StatusBlock)reply {
-  quorvane::xpc::endingOnException([&] { service->status(quorvane::xpc::statusReply(reply)); });
+  quorvane::xpc::endingOnException(
+      [&] { service->status(quorvane::xpc::statusReply(reply, quorvane::xpc::take(places))); });
 }
 
 - (void)pingWithReply:(PingBlock)reply {
@@ -166,11 +151,6 @@ class IncomingConnection final : public Connection {
 
 }  // namespace
 }  // namespace quorvane::xpc
-
-@interface QRVListenerDelegate : NSObject <NSXPCListenerDelegate>
-- (nonnull instancetype)initWithDelegate:
-    (std::shared_ptr<quorvane::xpc::ListenerDelegate>)listenerDelegate;
-@end
 
 @implementation QRVListenerDelegate {
   std::shared_ptr<quorvane::xpc::ListenerDelegate> delegate;

@@ -1,4 +1,5 @@
-// The Foundation classes that the helper uses, declared after macOS's documentation.
+// The Foundation classes that the helper, its client and their test use, declared after macOS's
+// documentation.
 #pragma once
 
 #include <objc/NSObject.h>
@@ -9,19 +10,35 @@
 typedef NSUInteger NSStringEncoding;
 static const NSStringEncoding NSUTF8StringEncoding = 4;
 
-@interface NSData : NSObject
-@property(readonly) NSUInteger length;
-@property(readonly) const void* bytes;
-@end
+typedef unsigned short unichar;
+typedef struct _NSRange {
+  NSUInteger location;
+  NSUInteger length;
+} NSRange;
 
 @interface NSString : NSObject
+@property(readonly) NSUInteger length;
 - (nullable instancetype)initWithBytes:(const void*)bytes
                                 length:(NSUInteger)length
                               encoding:(NSStringEncoding)encoding;
-- (nullable NSData*)dataUsingEncoding:(NSStringEncoding)encoding;
+- (void)getCharacters:(unichar*)buffer range:(NSRange)range;
 @end
 
-@interface NSDictionary<__covariant Key, __covariant Value> : NSObject
+typedef struct {
+  unsigned long state;
+  id __unsafe_unretained _Nullable* _Nullable itemsPtr;
+  unsigned long* _Nullable mutationsPtr;
+  unsigned long extra[5];
+} NSFastEnumerationState;
+
+@protocol NSFastEnumeration
+- (NSUInteger)countByEnumeratingWithState:(NSFastEnumerationState*)state
+                                  objects:(id __unsafe_unretained _Nullable[_Nonnull])buffer
+                                    count:(NSUInteger)len;
+@end
+
+@interface NSDictionary<__covariant Key, __covariant Value> : NSObject <NSFastEnumeration>
+- (nullable Value)objectForKeyedSubscript:(Key)key;
 @end
 
 @interface NSMutableDictionary<Key, Value> : NSDictionary <Key, Value>
@@ -29,13 +46,34 @@ static const NSStringEncoding NSUTF8StringEncoding = 4;
 - (void)setObject:(nullable Value)value forKeyedSubscript:(Key)key;
 @end
 
+@interface NSError : NSObject
+@property(readonly) NSInteger code;
+@property(readonly) NSString* localizedDescription;
+@end
+
+enum : NSInteger {
+  NSXPCConnectionReplyInvalid = 4101,
+  NSXPCConnectionCodeSigningRequirementFailure
+  __attribute__((availability(macos, introduced = 13.0))) = 4102,
+};
+
 @interface NSXPCInterface : NSObject
 + (NSXPCInterface*)interfaceWithProtocol:(Protocol*)protocol;
 @end
 
+typedef enum NSXPCConnectionOptions : NSUInteger {
+  NSXPCConnectionPrivileged = 1 << 12,
+} NSXPCConnectionOptions;
+
 @interface NSXPCConnection : NSObject
+- (instancetype)initWithMachServiceName:(NSString*)name options:(NSXPCConnectionOptions)options;
 @property(nullable, retain) NSXPCInterface* exportedInterface;
 @property(nullable, retain) id exportedObject;
+@property(nullable, retain) NSXPCInterface* remoteObjectInterface;
+- (id)remoteObjectProxyWithErrorHandler:(void (^)(NSError* error))handler;
+@property(nullable, copy) void (^interruptionHandler)(void);
+@property(nullable, copy) void (^invalidationHandler)(void);
+- (void)invalidate;
 - (void)setCodeSigningRequirement:(NSString*)requirement
     __attribute__((availability(macos, introduced = 13.0)));
 - (void)resume;
