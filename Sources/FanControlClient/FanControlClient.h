@@ -1,5 +1,6 @@
 // The companion's end of the channel: connects to the helper, passes its admission, and calls the
-// four operations. One call at a time; used from one thread.
+// four operations. Over a Unix socket on Linux, over NSXPCConnection on macOS, where it checks the
+// helper's signature too. One call at a time; used from one thread.
 #pragma once
 
 #include <chrono>
@@ -27,7 +28,8 @@ class FanControlClient {
   [[nodiscard]] bool connect();
 
   /// Nothing when the helper could not be asked or did not answer within `replyTimeout`: error()
-  /// says why, and the connection is over.
+  /// says why, and the connection is over. On Linux connect() makes a new one, on macOS the next
+  /// call does, upon which launchd starts a helper that has ended.
   [[nodiscard]] std::optional<Outcome> writeFanKey(const std::string& key, std::int64_t value,
                                                    bool isFloat);
   [[nodiscard]] std::optional<Outcome> restoreAuto();

@@ -1,9 +1,8 @@
 #include "Tools/FanctlBatch.h"
 
 #include <algorithm>
-#include <charconv>
+#include <cstdlib>
 #include <iostream>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -24,13 +23,14 @@ std::vector<std::string_view> splitAtTabs(std::string_view line) {
 
 /// A decimal number of seconds, fractions allowed. It begins with a digit: no sign, no "inf".
 std::optional<Seconds> parseSeconds(std::string_view text) {
-  if (text.empty() || text.front() < '0' || text.front() > '9') return std::nullopt;
-  double value = 0;
-  const auto [end, error] =
-      std::from_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  if (Seconds(value) > maxSleep) return std::nullopt;
-  return Seconds(value);
+  if (text.empty() || text.front() == '.') return std::nullopt;
+  if (text.find_first_not_of("0123456789.") != std::string_view::npos) return std::nullopt;
+  const std::string number(text);
+  // Not from_chars(), which macOS's library has for integers only.
+  char* end = nullptr;
+  const Seconds duration(std::strtod(number.c_str(), &end));
+  if (*end != '\0' || duration > maxSleep) return std::nullopt;
+  return duration;
 }
 
 /// Empty for a malformed line.

@@ -1,0 +1,187 @@
+// The client over NSXPCConnection, compiled with ARC. Foundation gives replies and errors on a
+// queue of its own: in time, late, or never.
+#include "FanControlClient/FanControlClient.h"
+
+#import <Foundation/Foundation.h>
+#include <dispatch/dispatch.h>
+
+#include <atomic>
+#include <map>
+#include <utility>
+
+#import "FanControlClient/Darwin/HelperConnection.h"
+#import "Platform/Darwin/FanControlProtocol.h"
+
+namespace quorvane {
+namespace {
+
+/// What becomes of one call: an answer, or why there is none, or neither for a malformed one. Its
+/// caller may have given up by then, so the blocks share it.
+template <class Answer>
+struct Pending {
+  void settle(std::optional<Answer> given, NSError* _Nullable reason) {
+    if (isSettled.test_and_set()) return;
+    answer = std::move(given);
+    error = reason;
+    dispatch_semaphore_signal(settled);
+  }
+  [[nodiscard]] bool wait(std::chrono::nanoseconds timeout) const {
+    return dispatch_semaphore_wait(settled, dispatch_time(DISPATCH_TIME_NOW, timeout.count())) == 0;
+  }
+
+  // To be read after a wait that did not time out.
+  std::optional<Answer> answer;
+  NSError* _Nullable error = nil;
+
+ private:
+  std::atomic_flag isSettled;
+  dispatch_semaphore_t _Nonnull const settled = dispatch_semaphore_create(0);
+};
+
+template <class Answer>
+using PendingRef = std::shared_ptr<Pending<Answer>>;
+
+OutcomeBlock _Nonnull settling(const PendingRef<Outcome>& call) {
+  const PendingRef<Outcome> pending = call;  // a block would capture the reference
+  return ^(BOOL success, NSString* _Nullable message) {
+    Outcome outcome{success == YES, std::nullopt};
+    if (message != nil) outcome.message = xpc::fromNSString(message);
+    pending->settle(std::move(outcome), nil);
+  };
+}
+
+/// Sorted by key: a dictionary has no order. Nothing where anything is no text.
+std::optional<StatusReport> reportFrom(NSDictionary* _Nullable status) {
+  if (status == nil) return std::nullopt;
+  std::map<std::string, std::string> entries;
+  for (id key in status) {
+    id const value = status[key];
+    if (![key isKindOfClass:[NSString class]] || ![value isKindOfClass:[NSString class]]) {
+      return std::nullopt;
+    }
+    entries.emplace(xpc::fromNSString(key), xpc::fromNSString(value));
+  }
+  return StatusReport(entries.begin(), entries.end());
+}
+
+}  // namespace
+
+class FanControlClient::Implementation {
+ public:
+  ~Implementation() { disconnect(); }
+
+  void disconnect() {
+    [connection invalidate];
+    connection = nil;
+  }
+
+  /// `send` sends one message to the helper, and has its reply settle the call.
+  template <class Answer, class Send>
+  std::optional<Answer> call(const Send& send) {
+    @autoreleasepool {
+      if (connection == nil || *isOver) connect();
+      const auto pending = std::make_shared<Pending<Answer>>();
+      send([connection remoteObjectProxyWithErrorHandler:^(NSError* _Nonnull reason) {
+             pending->settle(std::nullopt, reason);
+           }],
+           pending);
+      if (!pending->wait(replyTimeout)) {
+        return fail("the helper did not answer within " + std::to_string(replyTimeout.count()) +
+                    " seconds");
+      }
+      if (pending->error != nil) return fail(reasonOf(pending->error));
+      if (!pending->answer) return fail("the helper's answer is malformed");
+      hasAnswered = true;
+      return std::move(pending->answer);
+    }
+  }
+
+  std::string error;
+
+ private:
+  void connect() {
+    disconnect();
+    hasAnswered = false;
+    const auto over = std::make_shared<std::atomic<bool>>(false);
+    isOver = over;
+    connection = connectionToHelper();
+    connection.remoteObjectInterface =
+        [NSXPCInterface interfaceWithProtocol:@protocol(FanControlXPC)];
+    connection.interruptionHandler = ^{
+      *over = true;
+    };
+    connection.invalidationHandler = connection.interruptionHandler;
+    [connection resume];
+  }
+
+  /// Every failure is the end of the connection.
+  std::nullopt_t fail(std::string reason) {
+    disconnect();
+    error = std::move(reason);
+    return std::nullopt;
+  }
+
+  /// macOS does not tell a helper that is not installed from one that refuses us.
+  [[nodiscard]] std::string reasonOf(NSError* _Nonnull reason) const {
+    const char* text = hasAnswered ? "the helper closed the connection"
+                                   : "the helper is not installed, or refused this client (is it "
+                                     "signed?)";
+    if (reason.code == NSXPCConnectionReplyInvalid) text = "the helper's answer is malformed";
+    if (reason.code == NSXPCConnectionCodeSigningRequirementFailure) {
+      text = "the helper is not signed as it has to be";
+    }
+    return std::string(text) + ": " + xpc::fromNSString(reason.localizedDescription);
+  }
+
+  NSXPCConnection* _Nullable connection = nil;
+  /// Set on the connection's queue once it is interrupted or invalidated.
+  std::shared_ptr<const std::atomic<bool>> isOver;
+  bool hasAnswered = false;
+};
+
+FanControlClient::FanControlClient() : implementation(std::make_unique<Implementation>()) {}
+
+FanControlClient::~FanControlClient() = default;
+
+/// Only an answered call shows that the helper has admitted us.
+bool FanControlClient::connect() {
+  implementation->disconnect();
+  return ping().has_value();
+}
+
+const std::string& FanControlClient::error() const {
+  return implementation->error;
+}
+
+using Helper = id<FanControlXPC>;
+
+std::optional<Outcome> FanControlClient::writeFanKey(const std::string& key, std::int64_t value,
+                                                     bool isFloat) {
+  return implementation->call<Outcome>([&](Helper helper, const PendingRef<Outcome>& pending) {
+    [helper writeFanKey:xpc::toNSString(key) value:value isFloat:isFloat reply:settling(pending)];
+  });
+}
+
+std::optional<Outcome> FanControlClient::restoreAuto() {
+  return implementation->call<Outcome>([](Helper helper, const PendingRef<Outcome>& pending) {
+    [helper restoreAutoWithReply:settling(pending)];
+  });
+}
+
+std::optional<StatusReport> FanControlClient::status() {
+  return implementation->call<StatusReport>([](Helper helper, PendingRef<StatusReport> pending) {
+    [helper statusWithReply:^(NSDictionary<NSString*, NSString*>* _Nullable status) {
+      pending->settle(reportFrom(status), nil);
+    }];
+  });
+}
+
+std::optional<std::string> FanControlClient::ping() {
+  return implementation->call<std::string>([](Helper helper, PendingRef<std::string> pending) {
+    [helper pingWithReply:^(NSString* _Nullable answer) {
+      pending->settle(answer != nil ? std::optional(xpc::fromNSString(answer)) : std::nullopt, nil);
+    }];
+  });
+}
+
+}  // namespace quorvane
