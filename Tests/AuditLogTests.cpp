@@ -5,13 +5,19 @@
 
 #include <ctime>
 
+#include "Platform/SystemPath.h"
 #include "QRVFanShared/FanControlXPC.h"
 #include "Support/TemporaryRoot.h"
 
 namespace quorvane {
 
+const TemporaryRoot root;
+
+std::string systemPath(std::string_view path) {
+  return root.path(std::string(path));
+}
+
 TEST(AuditLog, AppendsLinesWithTheTimeInUTC) {
-  const TemporaryRoot root;
   const std::string path = FanControlConstants::auditLogPath, log = root.path(path);
   constexpr std::size_t stampLength = sizeof "2025-03-01T12:00:05Z" - 1;
   umask(077);

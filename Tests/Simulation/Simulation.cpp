@@ -138,6 +138,7 @@ void Simulation::startProcess() {
     service = std::make_shared<FanHelperService>();
     try {
       service->startup();
+      virtualdispatch::runUntilIdle();
     } catch (const ProcessDied&) {
     }
     world.readAudit();

@@ -10,6 +10,12 @@ os_log_t os_log_create(const char* /*subsystem*/, const char* /*category*/) {
   return nullptr;
 }
 
+/// What the macros of macOS ask first.
+bool os_log_type_enabled(os_log_t /*log*/, os_log_type_t /*type*/) {
+  return false;
+}
+
+/// What those of Linux call.
 void quorvane_os_log(os_log_t /*log*/, os_log_type_t /*type*/, const char* /*format*/, ...) {}
 
 int sysctlbyname(const char* /*name*/, void* oldp, size_t* oldlenp, void*, size_t) {

@@ -2,6 +2,8 @@
 // To be made before the first systemPath() of the process, which reads the root once.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>

@@ -5,15 +5,35 @@
 #include <algorithm>
 #include <cstdlib>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <list>
 #include <map>
+#include <utility>
 
 #include "Platform/Linux/Dispatch/DispatchTime.h"
 
 namespace {
 
-struct VirtualQueue final : dispatch_queue_s {
+/// What the native pointers stand for: on macOS nothing can be derived from their types.
+struct Object {
+  Object() = default;
+  virtual ~Object() = default;
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+};
+
+template <class Native>
+Native asNative(Object& object) {
+  return reinterpret_cast<Native>(&object);
+}
+
+template <class Kind>
+Kind& as(dispatch_object_t native) {
+  return dynamic_cast<Kind&>(*reinterpret_cast<Object*>(native));
+}
+
+struct VirtualQueue final : Object {
   bool runOne() {
     if (holds > 0 || blocks.empty()) return false;
     const auto block = std::move(blocks.front());
@@ -32,7 +52,7 @@ struct VirtualQueue final : dispatch_queue_s {
   bool isReleased = false;
 };
 
-struct VirtualTimer final : dispatch_source_s {
+struct VirtualTimer final : Object {
   explicit VirtualTimer(VirtualQueue& target) : queue(target) {}
 
   VirtualQueue& queue;
@@ -45,6 +65,7 @@ struct VirtualTimer final : dispatch_source_s {
 auto& queues = *new std::list<VirtualQueue>;
 auto& timers = *new std::multimap<dispatch_time_t, VirtualTimer*>;
 uint64_t clockTime = 0;
+std::exception_ptr thrown;  // by a block for which somebody waited
 
 void runAll(bool (*runsOne)(VirtualQueue&)) {
   while (std::ranges::any_of(queues, runsOne)) {
@@ -59,6 +80,7 @@ void runAll(bool (*runsOne)(VirtualQueue&)) {
 namespace quorvane::virtualdispatch {
 
 void runUntilIdle() {
+  if (thrown) std::rethrow_exception(std::exchange(thrown, nullptr));
   runAll([](VirtualQueue& queue) { return queue.runOne(); });
 }
 
@@ -89,6 +111,7 @@ std::vector<std::chrono::nanoseconds> deadlines() {
 }
 
 void drain() {
+  thrown = nullptr;
   runAll([](VirtualQueue& queue) {
     queue.holds = 0;
     try {
@@ -110,59 +133,65 @@ struct dispatch_source_type_s {};
 const dispatch_source_type_s _dispatch_source_type_timer;
 
 dispatch_queue_t dispatch_queue_create(const char* /*label*/, dispatch_queue_attr_t /*serial*/) {
-  return &queues.emplace_back();
+  return asNative<dispatch_queue_t>(queues.emplace_back());
 }
 
 void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
-  static_cast<VirtualQueue*>(queue)->blocks.emplace_back([=] { work(context); });
+  as<VirtualQueue>(queue).blocks.emplace_back([=] { work(context); });
 }
 
 void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
-  auto& own = static_cast<VirtualQueue&>(*queue);
-  for (auto ahead = own.blocks.size(); ahead > 0; --ahead) {
-    if (!own.runOne()) std::abort();
+  auto& own = as<VirtualQueue>(queue);
+  try {
+    for (auto ahead = own.blocks.size(); ahead > 0; --ahead) {
+      if (!own.runOne()) std::abort();
+    }
+    if (own.holds > 0) std::abort();
+    own.run([=] { work(context); });
+  } catch (...) {
+    thrown = std::current_exception();
   }
-  if (own.holds > 0) std::abort();
-  own.run([=] { work(context); });
 }
 
 dispatch_source_t dispatch_source_create(dispatch_source_type_t /*timer*/, uintptr_t /*handle*/,
                                          uintptr_t /*mask*/, dispatch_queue_t queue) {
-  return new VirtualTimer(static_cast<VirtualQueue&>(*queue));
+  return asNative<dispatch_source_t>(*new VirtualTimer(as<VirtualQueue>(queue)));
 }
 
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start,
                                uint64_t /*interval*/, uint64_t /*leeway*/) {
-  timers.emplace(start, static_cast<VirtualTimer*>(source));
+  timers.emplace(start, &as<VirtualTimer>(source));
   quorvane::virtualdispatch::elapse({});
 }
 
 void dispatch_source_set_event_handler_f(dispatch_source_t source, dispatch_function_t handler) {
-  static_cast<VirtualTimer*>(source)->handler = handler;
+  as<VirtualTimer>(source).handler = handler;
 }
 
 void dispatch_set_context(dispatch_object_t object, void* context) {
-  static_cast<VirtualTimer*>(object)->context = context;
+  as<VirtualTimer>(object).context = context;
 }
 
 void dispatch_set_finalizer_f(dispatch_object_t object, dispatch_function_t finalizer) {
-  static_cast<VirtualTimer*>(object)->finalizer = finalizer;
+  as<VirtualTimer>(object).finalizer = finalizer;
 }
 
 void dispatch_suspend(dispatch_object_t object) {
-  ++static_cast<VirtualQueue*>(object)->holds;
+  ++as<VirtualQueue>(object).holds;
 }
 
 void dispatch_resume(dispatch_object_t /*source*/) {}
 
 void dispatch_source_cancel(dispatch_source_t source) {
-  static_cast<VirtualTimer*>(source)->handler = [](void*) {};
-  std::erase_if(timers, [source](const auto& entry) { return entry.second == source; });
+  VirtualTimer& timer = as<VirtualTimer>(source);
+  timer.handler = [](void*) {};
+  std::erase_if(timers, [&timer](const auto& entry) { return entry.second == &timer; });
 }
 
 void dispatch_release(dispatch_object_t object) {
-  if (auto* queue = dynamic_cast<VirtualQueue*>(object)) return void(queue->isReleased = true);
-  auto* const timer = static_cast<VirtualTimer*>(object);
+  auto* const queue = dynamic_cast<VirtualQueue*>(&as<Object>(object));
+  if (queue != nullptr) return void(queue->isReleased = true);
+  auto* const timer = &as<VirtualTimer>(object);
   timer->queue.blocks.emplace_back([timer] {  // behind its handler
     timer->finalizer(timer->context);
     delete timer;

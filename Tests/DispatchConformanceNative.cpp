@@ -1,4 +1,4 @@
-// The real dispatch layer under the conformance suite.
+// The real dispatch under the conformance suite: our own layer on Linux, libdispatch on macOS.
 #include <future>
 
 #include "Platform/Dispatch.h"
