@@ -21,6 +21,7 @@ typedef struct _NSRange {
 - (nullable instancetype)initWithBytes:(const void*)bytes
                                 length:(NSUInteger)length
                               encoding:(NSStringEncoding)encoding;
++ (instancetype)stringWithCharacters:(const unichar*)characters length:(NSUInteger)length;
 - (void)getCharacters:(unichar*)buffer range:(NSRange)range;
 @end
 
@@ -65,11 +66,16 @@ typedef enum NSXPCConnectionOptions : NSUInteger {
   NSXPCConnectionPrivileged = 1 << 12,
 } NSXPCConnectionOptions;
 
+@interface NSXPCListenerEndpoint : NSObject
+@end
+
 @interface NSXPCConnection : NSObject
+- (instancetype)initWithListenerEndpoint:(NSXPCListenerEndpoint*)endpoint;
 - (instancetype)initWithMachServiceName:(NSString*)name options:(NSXPCConnectionOptions)options;
 @property(nullable, retain) NSXPCInterface* exportedInterface;
 @property(nullable, retain) id exportedObject;
 @property(nullable, retain) NSXPCInterface* remoteObjectInterface;
+@property(readonly, retain) id remoteObjectProxy;
 - (id)remoteObjectProxyWithErrorHandler:(void (^)(NSError* error))handler;
 @property(nullable, copy) void (^interruptionHandler)(void);
 @property(nullable, copy) void (^invalidationHandler)(void);
@@ -87,6 +93,8 @@ typedef enum NSXPCConnectionOptions : NSUInteger {
 @end
 
 @interface NSXPCListener : NSObject
++ (NSXPCListener*)anonymousListener;
+@property(readonly, retain) NSXPCListenerEndpoint* endpoint;
 - (instancetype)initWithMachServiceName:(NSString*)name;
 @property(nullable, weak) id<NSXPCListenerDelegate> delegate;
 - (void)resume;
