@@ -45,7 +45,7 @@ struct Helper final : FanControlXPC, xpc::ListenerDelegate, std::enable_shared_f
   void status(StatusReply reply) override { reply({{"b", "\u20AC"}, {"a", ""}}); }
   void ping(PingReply reply) override { reply(++pings > 0 ? "ok" : ""); }
   bool shouldAcceptNewConnection(xpc::Connection& connection) override {
-    connection.setExportedInterface({});
+    connection.setExportedInterface(xpc::Interface::fanControl);
     connection.setExportedObject(shared_from_this());
     if (!requirement.empty()) connection.setCodeSigningRequirement(requirement);
     connection.resume();
