@@ -1,7 +1,11 @@
 #include "Platform/Linux/Channel/Discard.h"
 
 #include <sched.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <array>
+#include <cstddef>
 #include <memory>
 #include <semaphore>
 
@@ -10,12 +14,16 @@
 namespace quorvane::xpc {
 namespace {
 
+/// Closing can hang in the kernel for good, even in an exit. So many kernel stacks take 16 MiB.
+constexpr std::size_t maxHangingThreads = 1024;
+
 /// The exiting thread and the caller each hold the socket in a table of descriptors of their own
 /// for a moment, so that the caller's close is not the last one.
 struct Handover {
   std::binary_semaphore isCopied{0};
   std::binary_semaphore isClosed{0};
   bool hasCopy = false;
+  pid_t thread = 0;
 };
 using SharedHandover = std::shared_ptr<Handover>;
 
@@ -23,6 +31,7 @@ void* holdUntilClosed(void* argument) {
   const std::unique_ptr<const SharedHandover> handover(static_cast<SharedHandover*>(argument));
   Handover& state = **handover;
   state.hasCopy = unshare(CLONE_FILES) == 0;
+  state.thread = gettid();
   state.isCopied.release();
   state.isClosed.acquire();
   return nullptr;
@@ -31,11 +40,18 @@ void* holdUntilClosed(void* argument) {
 }  // namespace
 
 bool discard(Descriptor& socket) {
+  // The threads of the last calls; the next place is that of the oldest.
+  static std::array<pid_t, maxHangingThreads> threads{};
+  static std::size_t next = 0;
+  pid_t& oldest = threads[next];
+  if (oldest != 0 && tgkill(getpid(), oldest, 0) == 0) return false;
   const auto handover = std::make_shared<Handover>();
   auto argument = std::make_unique<SharedHandover>(handover);
   if (startDetachedThread(holdUntilClosed, argument.get()) != 0) return false;
   static_cast<void>(argument.release());  // the thread's
   handover->isCopied.acquire();
+  oldest = handover->thread;
+  next = (next + 1) % threads.size();
   if (handover->hasCopy) socket = Descriptor();
   handover->isClosed.release();
   return !socket;

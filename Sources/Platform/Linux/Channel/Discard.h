@@ -7,8 +7,8 @@
 namespace quorvane::xpc {
 
 /// Closes the socket as part of a thread's exit: a socket that lingers then does so in the
-/// background (SO_LINGER, socket(7)). False when there is no thread or no memory to be had; the
-/// socket then stays open.
+/// background (SO_LINGER, socket(7)). False when there is no thread or no memory to be had, or too
+/// many such threads hang; the socket then stays open.
 [[nodiscard]] bool discard(Descriptor& socket);
 
 }  // namespace quorvane::xpc
