@@ -83,8 +83,8 @@ struct LockHolder {
                                              : obstacle("cannot hold the lock of ", holder.name);
     const bool isHeld = !holder.found;
     holder.isDone.release();
-    while (isHeld) pause();
-    return nullptr;
+    if (!isHeld) return nullptr;
+    for (;;) pause();
   }
 };
 
