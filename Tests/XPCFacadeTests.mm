@@ -146,6 +146,7 @@ TEST_F(XPCFacade, WaitingRequestsOfAConnectionAreBounded) {
   helper->answerHeld();
   EXPECT_TRUE(helper->holds(1));
   helper->answerHeld();
+  [peer invalidate];
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 // and on each connection's; replies go out on whichever thread gives them.
 //
 // Whatever Foundation calls here, and every reply, is noexcept. Foundation would swallow an
-// exception of either language and drop the message; here it ends the process by std::terminate().
+// exception of either language and drop the message; here it ends the process by std::terminate(),
+// and the last resort frees the fans.
 #import "Platform/Darwin/ListenerDelegate.h"
 
 #include <cstddef>
