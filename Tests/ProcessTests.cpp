@@ -27,7 +27,7 @@ TEST_F(Processes, ASessionOfTwoClientsUnderTheJournalsEyes) {
             "true\nfalse\tRefused:  is not a fan-control key\nfalse\tBad mode value\n"
             "version=1.0.0\tmodel=Macmini9,1\tsmcOpen=1\tfanCount=2\tforcedFans=0,1\tleaseSeconds="
             "20\nok 1.0.0\n");
-  for (const int ignored : {SIGHUP, SIGQUIT}) daemon->signal(ignored);
+  for (const int ignored : {SIGHUP, SIGQUIT, SIGTSTP, SIGTTOU}) daemon->signal(ignored);
   EXPECT_EQ(mac.sh("fanctl write FNum 3").front(), '1');
   EXPECT_EQ(daemon->stop(SIGTERM), 0);
   EXPECT_EQ(mac.audited(),

@@ -27,10 +27,12 @@ class Queue {
   template <class Block>
   void async(Block&& block) const {
     using Box = std::decay_t<Block>;
-    dispatch_async_f(native, new Box(std::forward<Block>(block)), [](void* context) {
+    auto submitted = std::make_unique<Box>(std::forward<Block>(block));
+    dispatch_async_f(native, submitted.get(), [](void* context) {
       const std::unique_ptr<Box> box(static_cast<Box*>(context));
       (*box)();
     });
+    static_cast<void>(submitted.release());  // the queue's, unless it had no memory for it
   }
 
   /// Runs the block after all that was submitted before it and returns when it has run. Never from

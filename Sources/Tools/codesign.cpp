@@ -149,10 +149,11 @@ int verify(Options options) {
 
 /// The helper's question: does the process behind the pidfd that is descriptor 3 meet the
 /// requirement? Its files may hold us up for good; then the helper ends us, or its own end does.
-int admit(std::string_view requirement, const std::string& pid) {
+int admit(std::string_view requirement, const std::string& pid, const std::string& guard) {
   constexpr int process = 3;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  setsid();  // no terminal means us any more
+  if (getppid() != std::atoi(guard.c_str())) return exitRefused;  // it has ended before that
+  setsid();                                                       // no terminal means us any more
   const Descriptor executable = openPeerExecutable(std::atoi(pid.c_str()), process);
   if (!executable) return exitRefused;
   const Verdict verdict = verifySignature(executable.get());
@@ -181,7 +182,9 @@ int run(Arguments arguments) {
   const std::string_view command = arguments.front();
   const Arguments rest = arguments.subspan(1);
   std::optional<Options> options;
-  if (command == "admit" && rest.size() == 2) return admit(rest[0], std::string(rest[1]));
+  if (command == "admit" && rest.size() == 3) {
+    return admit(rest[0], std::string(rest[1]), std::string(rest[2]));
+  }
   if (command == "--help" && rest.empty()) return show(std::string(usage) + help);
   if (command == "--version" && rest.empty()) return show("quorvane-codesign " QUORVANE_VERSION);
   if (command == "sign") options = parse(rest, {"--identity", "--identifier"});

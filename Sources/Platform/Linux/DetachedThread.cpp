@@ -17,8 +17,8 @@ constexpr bool sanitized = __has_feature(address_sanitizer) || __has_feature(thr
 constexpr bool sanitized = false;
 #endif
 
-// Room for the largest thing that belongs into a frame here, a message of 64 KiB, a few times over
-// and for libc; the sanitizers' frames take several times as much.
+// Room for the largest things in a frame here, the simulated SMC's machine and its file, a few
+// times over and for libc. The sanitizers' frames take several times as much.
 constexpr std::size_t stackBytes = std::size_t{sanitized ? 1024 : 256} * 1024;
 
 /// All signals but those that a thread raises by its own fault: blocked, they would not be caught

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <memory>
@@ -37,21 +38,22 @@ void* holdUntilClosed(void* argument) {
   return nullptr;
 }
 
+bool hasEnded(pid_t thread) {
+  return thread == 0 || tgkill(getpid(), thread, 0) != 0;
+}
+
 }  // namespace
 
 bool discard(Descriptor& socket) {
-  // The threads of the last calls; the next place is that of the oldest.
   static std::array<pid_t, maxHangingThreads> threads{};
-  static std::size_t next = 0;
-  pid_t& oldest = threads[next];
-  if (oldest != 0 && tgkill(getpid(), oldest, 0) == 0) return false;
+  pid_t* const place = std::ranges::find_if(threads, hasEnded);
+  if (place == threads.end()) return false;
   const auto handover = std::make_shared<Handover>();
   auto argument = std::make_unique<SharedHandover>(handover);
   if (startDetachedThread(holdUntilClosed, argument.get()) != 0) return false;
   static_cast<void>(argument.release());  // the thread's
   handover->isCopied.acquire();
-  oldest = handover->thread;
-  next = (next + 1) % threads.size();
+  *place = handover->thread;
   if (handover->hasCopy) socket = Descriptor();
   handover->isClosed.release();
   return !socket;

@@ -22,12 +22,16 @@ std::optional<uid_t> userOfPeer(int socket) {
   return credentials ? std::optional(credentials->uid) : std::nullopt;
 }
 
+Descriptor openPidfd(pid_t process) {
+  // Not by glibc's name for it: 2.36 declares that without C linkage.
+  return Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));  // close-on-exec
+}
+
 Peer::Peer(int socket) {
   const auto credentials = credentialsOfPeer(socket);
   if (!credentials) return;
   pid = credentials->pid;
-  // Not by glibc's name for it: 2.36 declares that without C linkage.
-  process = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));  // close-on-exec
+  process = openPidfd(pid);
 }
 
 bool Peer::hasSent(pid_t sender) const {

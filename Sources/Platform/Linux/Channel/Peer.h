@@ -13,6 +13,9 @@ namespace quorvane::xpc {
 /// The user whose process connected the socket (SO_PEERCRED, unix(7)).
 std::optional<uid_t> userOfPeer(int socket);
 
+/// A pidfd of the process; none when there is no such process.
+Descriptor openPidfd(pid_t process);
+
 class Peer {
  public:
   /// The process that connected the socket.
@@ -23,8 +26,6 @@ class Peer {
   [[nodiscard]] bool hasSent(pid_t number) const;
 
   [[nodiscard]] pid_t number() const { return pid; }
-  /// A pidfd; none when the process had ended already.
-  [[nodiscard]] int descriptor() const { return process.get(); }
 
  private:
   pid_t pid = 0;

@@ -1,7 +1,6 @@
 #include "Platform/Linux/Channel/Rendezvous.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,12 +9,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <semaphore>
-#include <set>
+#include <map>
 #include <system_error>
+#include <utility>
 
 #include "Platform/File.h"
-#include "Platform/Linux/DetachedThread.h"
+#include "Platform/Linux/Channel/Isolation.h"
 #include "Platform/Linux/Socket.h"
 #include "Platform/SystemPath.h"
 #include "Platform/XPC.h"
@@ -57,7 +56,6 @@ std::optional<Obstacle> makeFolder(const std::filesystem::path& folder) {
   return std::nullopt;
 }
 
-/// Takes the lock; `lock` is to be kept.
 std::optional<Obstacle> takeLock(const std::string& name, Descriptor& lock) {
   const std::string path = machServiceSocketPath(name) + ".lock";
   if (auto failure = makeFolder(std::filesystem::path(path).parent_path())) return failure;
@@ -68,38 +66,19 @@ std::optional<Obstacle> takeLock(const std::string& name, Descriptor& lock) {
   return obstacle("cannot lock ", path);
 }
 
-/// Holds the lock of one name on a thread, with a table of descriptors that no other thread shares:
-/// when the process ends while a thread of it is stuck in the kernel, the lock is free all the
-/// same.
-struct LockHolder {
-  std::string name;
-  std::optional<Obstacle> found;
-  std::binary_semaphore isDone{0};
-
-  static void* run(void* argument) {
-    auto& holder = *static_cast<LockHolder*>(argument);
-    Descriptor lock;
-    holder.found = unshare(CLONE_FILES) == 0 ? takeLock(holder.name, lock)
-                                             : obstacle("cannot hold the lock of ", holder.name);
-    const bool isHeld = !holder.found;
-    holder.isDone.release();
-    if (!isHeld) return nullptr;
-    for (;;) pause();
-  }
-};
-
-/// Holds the lock of the name until the process ends; again does nothing.
+/// Holds the lock of the name until the process ends; again does nothing. The descriptor belongs to
+/// the isolated thread: nothing that could get stuck holds the lock.
 std::optional<Obstacle> holdLock(const std::string& name) {
   // Never freed: there is no need to, and nothing then depends on the order of destruction.
-  static auto& held = *new std::set<std::string>;
+  static auto& held = *new std::map<std::string, Descriptor>;
   if (held.contains(name)) return std::nullopt;
-  LockHolder holder{name, std::nullopt};
-  if (const int error = startDetachedThread(LockHolder::run, &holder); error != 0) {
-    return obstacle("cannot hold the lock of ", name, error);
-  }
-  holder.isDone.acquire();
-  if (!holder.found) held.insert(name);
-  return holder.found;
+  std::optional<Obstacle> found;
+  const bool hasRun = runIsolated([&] {
+    Descriptor lock;
+    found = takeLock(name, lock);
+    if (!found) held.emplace(name, std::move(lock));
+  });
+  return hasRun ? found : obstacle("cannot hold the lock of ", name);
 }
 
 }  // namespace
