@@ -90,7 +90,11 @@ void measureAdmission(Report& report, const Setting& setting) {
       connectFrom(executable, machine, measured);
       for (int i = 0; i < connectionsInARow; ++i) bare.add(hashAndVerify(executable) / 1000);
     }
-    report.add({what, "ms", std::move(measured), std::move(bare)});
+    report.add({what,
+                "ms",
+                std::move(measured),
+                std::move(bare),
+                {"<= floor + 4", [](double taken, double floor) { return taken <= floor + 4; }}});
   }
 }
 

@@ -1,2 +1,2 @@
-// Linked like the helper, and does nothing: what it takes to come and go is the system's.
+// Does nothing: what it takes to come and go is the system's.
 int main() {}

@@ -32,11 +32,9 @@ inline constexpr int otherProcessor = 0;
 void measureCalls(Report& report, const Setting& setting);
 void measurePipelines(Report& report, const Setting& setting);
 void measureAdmission(Report& report, const Setting& setting);
-void measureSMC(Report& report, const Setting& setting);
 void measureStartAndStop(Report& report, const Setting& setting);
 void measureMemory(Report& report, const Setting& setting);
 void measureLease(Report& report, const Setting& setting);
-void measureInstructions(Report& report, const Setting& setting);
 
 /// Other roles of this program: they are run as processes beside it.
 int connectRepeatedly(const std::string& root, int count);

@@ -73,11 +73,11 @@ void measureMemory(Report& report, const Setting& setting) {
   const Helper helper(Helper::real, machine);
   const pid_t pid = helper.pid();
   measureMemoryOf(report, "before a connection", pid,
-                  {"<= 6", [](double measured, double) { return measured <= 6; }});
+                  {"<= 4", [](double measured, double) { return measured <= 4; }});
   std::vector<Channel> channels;
   channels.push_back(machine.enter());
   measureMemoryOf(report, "after the first", pid,
-                  {"<= 8", [](double measured, double) { return measured <= 8; }});
+                  {"<= 4", [](double measured, double) { return measured <= 4; }});
 
   // A manual period that is over must leave nothing behind that wakes.
   channels.front().call(writeRequest("F0Tg", 2500));

@@ -41,9 +41,8 @@ struct Group {
 };
 
 constexpr Group groups[] = {{"calls", measureCalls},         {"pipelines", measurePipelines},
-                            {"admission", measureAdmission}, {"smc", measureSMC},
-                            {"start", measureStartAndStop},  {"memory", measureMemory},
-                            {"lease", measureLease},         {"instructions", measureInstructions}};
+                            {"admission", measureAdmission}, {"start", measureStartAndStop},
+                            {"memory", measureMemory},       {"lease", measureLease}};
 
 int run(const Setting& setting, const std::string& resultFile, const std::string& commit) {
   utsname system{};
