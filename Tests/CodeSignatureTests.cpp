@@ -22,8 +22,8 @@ using test::SigningIdentity;
 std::string verdictOn(const Descriptor& executable) {
   const Verdict verdict = verifySignature(executable.get());
   if (const auto* refusal = std::get_if<Refusal>(&verdict)) return refusal->reason;
-  const auto& [identifier, team] = std::get<Identity>(verdict);
-  return identifier + " of " + team.value_or("none");
+  const auto& peer = std::get<Identity>(verdict);
+  return peer.identifier + " of " + peer.leafOrganizationalUnit.value_or("none");
 }
 
 /// Runs commands in the folder, with our programs and scripts in the path.
@@ -42,6 +42,9 @@ TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
   };
   const std::string& ca = test::authority.extensions;
   const std::string p224 = "ec -pkeyopt ec_paramgen_curve:P-224";
+  const std::string toPackage =
+      "cd ../etc/quorvane/anchors; own=$PWD; to=" + folder.path(QUORVANE_PACKAGED_ANCHORS) +
+      "; mkdir -p $to; mv * $to; cd $to";
   // Each: words of the verdict, the signer, and a command that is run in the executable's folder
   // when that has been signed and opened.
   const struct {
@@ -57,7 +60,7 @@ TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
       {"below P-256", root.issue({.key = p224})},
       {"key too weak", root.issue({.key = "rsa:1024"})},
       {"app of none", root.issue({.units = "/OU=X4TQ8RW2ZN/OU=B"})},
-      {"has expired", root.issue({.days = -1})},
+      {"has expired", root.issue({.days = 0})},
       {"chain: self-signed", SigningIdentity::makeRoot().issue()},
       {"not for code signing", root.issue({.extensions = "keyUsage=digitalSignature"})},
       {"not for digital signatures", root.issue({.extensions = "extendedKeyUsage=codeSigning"})},
@@ -79,10 +82,12 @@ TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
       {"not of the signed size", leaf, "echo >>app"},
       {"not the signed one", leaf, "truncate -s -1 app; echo >>app"},
       {"too many anchors", leaf, "cd ../etc/quorvane/anchors; touch $(seq -f%g.pem 16)"},
+      {"app of X4TQ8RW2ZN", leaf, toPackage},
+      {"chain: self-signed", leaf, toPackage + "; for a in *; do : >$own/$a; done"},
   };
   for (const auto& [words, signer, command] : rows) {
     // The executable is more than one chunk to hash.
-    runIn(folder, "rm -rf etc bin at; mkdir bin; cd bin; head -c 100000 /dev/zero >app");
+    runIn(folder, "rm -rf etc usr bin at; mkdir bin; cd bin; head -c 100000 /dev/zero >app");
     root.installAnchor(folder.path(""));
     signer.signExecutable(folder.path("/bin/app"), "app");
     const Descriptor executable = openFile(folder.path("/bin/app"), O_RDONLY);
@@ -142,7 +147,9 @@ TEST(Codesign, SignsAndSaysWhoHasSignedOrWhyNot) {
   const std::pair<const char*, const char*> rows[] = {
       {"verify app", "app: the signature does not exist\n1\n"},
       {"sign --identity id --identifier an.app link; ls link*", "link\n0\n"},
-      {"verify --anchors id/anchors link", "link: signed as an.app by the team X4TQ8RW2ZN\n0\n"},
+      {"verify --anchors id/anchors link | sed s/\"$(openssl x509 -in id/anchors/root.pem -noout"
+       " -enddate -dateopt iso_8601 | sed 's/.*=//; s/Z/ UTC/')\"/then/",
+       "link: signed as an.app by the team X4TQ8RW2ZN, valid until then\n0\n"},
       {"verify app", "app: the certificate chain: unable to get local issuer certificate\n1\n"},
       {"verify --anchors id/anchors --team T app", "app: signed by the team X4TQ8RW2ZN\n1\n"},
       {"verify --anchors id/anchors --identifier T app", "app: signed as an.app\n1\n"},

@@ -44,7 +44,7 @@ constexpr const char* help = R"(
 sign     writes FILE.codesign with the key DIR/leaf.key and its certificate, the first in
          DIR/leaf.pem; further certificates in there are enclosed
 verify   says who has signed FILE, or why the helper would take it for unsigned; the anchors
-         are those of the system, in /etc/quorvane/anchors, if not given
+         are those of the system, in /etc/quorvane/anchors and of the package, if not given
 
 exit status: 0 done, 1 it could not be signed or is not signed as it must be, 2 bad usage)";
 
@@ -133,8 +133,8 @@ int verify(Options options) {
   const std::string& identifier = options["--identifier"];
   const RegularFile file = openRegular(openFile(name, O_PATH));
   if (file.problem != nullptr) return refuse(name, file.problem);
-  const Verdict verdict =
-      verifySignature(file.descriptor.get(), anchors.empty() ? installedAnchors() : anchors);
+  const Verdict verdict = verifySignature(
+      file.descriptor.get(), anchors.empty() ? installedAnchors() : std::vector{anchors});
   if (const auto* refusal = std::get_if<Refusal>(&verdict)) return refuse(name, refusal->reason);
   const Identity& signer = std::get<Identity>(verdict);
   const std::string unit = signer.leafOrganizationalUnit.value_or("(none)");
@@ -144,7 +144,8 @@ int verify(Options options) {
   if (!identifier.empty() && signer.identifier != identifier) {
     return refuse(name, "signed as " + signer.identifier);
   }
-  return show(name + ": signed as " + signer.identifier + " by the team " + unit);
+  return show(name + ": signed as " + signer.identifier + " by the team " + unit +
+              ", valid until " + signer.validUntil);
 }
 
 /// The helper's question: does the process behind the pidfd that is descriptor 3 meet the

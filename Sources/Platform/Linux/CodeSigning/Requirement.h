@@ -16,6 +16,8 @@ struct Identity {
   /// The organisational unit of the leaf certificate's subject; nothing when it has none or
   /// several.
   std::optional<std::string> leafOrganizationalUnit;
+  /// When the first certificate of the chain expires, for people; no requirement asks for it.
+  std::string validUntil = {};
 };
 
 /// Ten times what the requirements in use need.

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -60,6 +62,15 @@ bool isKeyTooShort(X509* certificate) {
   return EVP_PKEY_get_base_id(key) == EVP_PKEY_EC && EVP_PKEY_get_bits(key) < minEllipticCurveBits;
 }
 
+/// "2027-11-23 08:00:00 UTC"; empty when that cannot be said.
+std::string textOf(const ASN1_TIME* time) {
+  std::tm utc{};
+  char text[sizeof "2027-11-23 08:00:00 UTC"] = {};
+  if (time == nullptr || ASN1_TIME_to_tm(time, &utc) != 1) return "";
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &utc);
+  return text;
+}
+
 /// libcrypto has no purpose for code signing before 3.2.
 bool mayIssueForCodeSigning(X509* certificate) {
   return (X509_get_extension_flags(certificate) & EXFLAG_XKUSAGE) == 0 ||
@@ -71,15 +82,15 @@ bool mayIssueForCodeSigning(X509* certificate) {
 /// vouches for.
 class Verification {
  public:
-  Verification(int opened, const std::string& anchors)
-      : executable(opened), anchorsFolder(anchors) {}
+  Verification(int opened, const std::vector<std::string>& anchors)
+      : executable(opened), anchorFolders(anchors) {}
 
   Verdict run(const Bytes& signature) {
     const bool verified = decode(signature) && findSigner() && leafMaySignCode() &&
                           chainEndsAtAnchor() && signatureIsGood() && parseContent() &&
                           contentIsOfExecutable();
     if (!verified) return Refusal{reason};
-    return Identity{content.identifier, organizationalUnitOf(*leaf)};
+    return Identity{content.identifier, organizationalUnitOf(*leaf), validUntil};
   }
 
  private:
@@ -154,6 +165,7 @@ class Verification {
   /// What libcrypto has not asked of a chain, which begins with the leaf and ends with the anchor.
   bool isChainForCodeSigning(const STACK_OF(X509) & chain) {
     const int last = sk_X509_num(&chain) - 1;
+    const ASN1_TIME* end = X509_get0_notAfter(leaf);
     for (int i = 0; i <= last; ++i) {
       X509* const certificate = sk_X509_value(&chain, i);
       if (isKeyTooShort(certificate)) {
@@ -162,20 +174,28 @@ class Verification {
       if (0 < i && i < last && !mayIssueForCodeSigning(certificate)) {
         return refuse("the certificate chain: an intermediate is not for code signing");
       }
+      const ASN1_TIME* const other = X509_get0_notAfter(certificate);
+      if (ASN1_TIME_compare(other, end) < 0) end = other;
     }
+    validUntil = textOf(end);
     return true;
   }
 
   /// Every certificate in the anchor files, up to the first block of a file that is none.
   bool loadAnchors(X509_STORE& store) {
     using std::filesystem::directory_iterator;
-    std::size_t fileCount = 0;
+    std::map<std::string, std::string> pathsByName;
     std::error_code error;
-    for (directory_iterator entry(anchorsFolder, error); entry != directory_iterator();
-         entry.increment(error)) {
-      if (entry->path().extension() != ".pem") continue;
-      if (++fileCount > maxAnchorFiles) return refuse("too many anchors are installed");
-      for (const Certificate& anchor : readCertificates(entry->path())) {
+    for (const std::string& folder : anchorFolders) {
+      for (directory_iterator entry(folder, error); entry != directory_iterator();
+           entry.increment(error)) {
+        if (entry->path().extension() != ".pem") continue;
+        pathsByName.insert_or_assign(entry->path().filename(), entry->path());
+        if (pathsByName.size() > maxAnchorFiles) return refuse("too many anchors are installed");
+      }
+    }
+    for (const auto& [name, path] : pathsByName) {
+      for (const Certificate& anchor : readCertificates(path)) {
         X509_STORE_add_cert(&store, anchor.get());
       }
     }
@@ -203,20 +223,21 @@ class Verification {
   }
 
   const int executable;
-  const std::string& anchorsFolder;
+  const std::vector<std::string>& anchorFolders;
   SignedData cms;
   X509* leaf = nullptr;  // owned by cms
   SignatureContent content;
+  std::string validUntil;
   std::string reason;
 };
 
 }  // namespace
 
-std::string installedAnchors() {
-  return systemPath("/etc/quorvane/anchors");
+std::vector<std::string> installedAnchors() {
+  return {systemPath(QUORVANE_PACKAGED_ANCHORS), systemPath("/etc/quorvane/anchors")};
 }
 
-Verdict verifySignature(int executable, const std::string& anchors) {
+Verdict verifySignature(int executable, const std::vector<std::string>& anchorFolders) {
   // A path that no longer leads to the executable does no harm: what is found there must still be a
   // signature of the opened file.
   const std::string path = pathOf(executable);
@@ -226,7 +247,7 @@ Verdict verifySignature(int executable, const std::string& anchors) {
   const std::optional<Bytes> signature = readWhole(file, maxSignatureSize);
   if (!signature) return Refusal{"the signature is too large"};
   initialiseLibcrypto();
-  return Verification(executable, anchors).run(*signature);
+  return Verification(executable, anchorFolders).run(*signature);
 }
 
 }  // namespace quorvane::codesigning

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "Platform/Linux/CodeSigning/Requirement.h"
 
@@ -22,11 +23,13 @@ struct Refusal {
 
 using Verdict = std::variant<Identity, Refusal>;
 
-/// Where the administrator puts the anchors: system path /etc/quorvane/anchors.
-std::string installedAnchors();
+/// The package's folder of anchors, then the administrator's: system path /etc/quorvane/anchors.
+std::vector<std::string> installedAnchors();
 
 /// Verifies the executable behind a descriptor that is open for reading; it stays the caller's, and
-/// its offset is neither used nor moved. The anchors are read anew from their folder each time.
-Verdict verifySignature(int executable, const std::string& anchors = installedAnchors());
+/// its offset is neither used nor moved. The anchors are read anew from their folders each time; a
+/// file hides those of its name in the folders before its own.
+Verdict verifySignature(int executable,
+                        const std::vector<std::string>& anchorFolders = installedAnchors());
 
 }  // namespace quorvane::codesigning
