@@ -44,7 +44,7 @@ constexpr const char* help = R"(
 sign     writes FILE.codesign with the key DIR/leaf.key and its certificate, the first in
          DIR/leaf.pem; further certificates in there are enclosed
 verify   says who has signed FILE, or why the helper would take it for unsigned; the anchors
-         are those of the system, in /etc/quorvane/anchors and of the package, if not given
+         are those of the system, the administrator's and the package's, if not given
 
 exit status: 0 done, 1 it could not be signed or is not signed as it must be, 2 bad usage)";
 
