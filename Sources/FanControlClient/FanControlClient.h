@@ -13,7 +13,7 @@
 
 namespace quorvane {
 
-class FanControlClient {
+class [[gnu::visibility("default")]] FanControlClient {
  public:
   /// The helper answers in milliseconds unless it is in trouble.
   static constexpr std::chrono::seconds replyTimeout{10};
@@ -40,7 +40,7 @@ class FanControlClient {
   [[nodiscard]] const std::string& error() const;
 
  private:
-  class Implementation;
+  class [[gnu::visibility("hidden")]] Implementation;
   std::unique_ptr<Implementation> implementation;
 };
 

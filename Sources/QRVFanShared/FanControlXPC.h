@@ -35,7 +35,7 @@ inline constexpr std::string_view helperCodeRequirement =
 
 /// What a client's signature must satisfy, in the code-signing requirement language; composed on
 /// each call.
-std::string appCodeRequirement();
+[[gnu::visibility("default")]] std::string appCodeRequirement();
 
 }  // namespace FanControlConstants
 

@@ -16,7 +16,6 @@
 #include "Platform/File.h"
 #include "Platform/Linux/Channel/Isolation.h"
 #include "Platform/Linux/Socket.h"
-#include "Platform/SystemPath.h"
 #include "Platform/XPC.h"
 
 namespace quorvane::xpc {
@@ -82,10 +81,6 @@ std::optional<Obstacle> holdLock(const std::string& name) {
 }
 
 }  // namespace
-
-std::string machServiceSocketPath(std::string_view name) {
-  return systemPath("/run/quorvane/").append(name);
-}
 
 std::optional<std::string> claimMachService(const std::string& name) {
   const std::optional<Obstacle> found = holdLock(name);

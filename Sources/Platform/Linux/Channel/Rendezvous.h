@@ -8,11 +8,14 @@
 #include <string_view>
 
 #include "Platform/File.h"
+#include "Platform/SystemPath.h"
 
 namespace quorvane::xpc {
 
 /// The socket at which a Mach service of this name is met, below the system root.
-std::string machServiceSocketPath(std::string_view name);
+inline std::string machServiceSocketPath(std::string_view name) {
+  return systemPath("/run/quorvane/").append(name);
+}
 
 /// Makes `socket` listen at the name's rendezvous, taking the lock if this process does not hold
 /// it yet. Yields why nobody can connect, in one line.

@@ -1,0 +1,59 @@
+// What a lease keeper does between two waits: its calls to the helper, and what it tells of them.
+// It has no thread and does not wait, so a test runs it on a virtual clock. Used from one thread.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "FanControlClient/FanControlClient.h"
+#include "FanControlClient/LeaseKeeper.h"
+
+namespace quorvane {
+
+class Lease {
+ public:
+  /// As monotonicTime() counts.
+  using Duration = std::chrono::nanoseconds;
+
+  Lease(FanControlClient& client, LeaseKeeper::Handler tell);
+
+  /// As in LeaseKeeper.
+  void hold(int fan, std::int64_t rpm);
+  void release(int fan);
+  void releaseAll(FanEvent occasion);
+  /// Does what is due. Yields when it is to be called next: never while no fan is held.
+  std::optional<Duration> advance();
+
+ private:
+  struct Fan {
+    std::int64_t rpm;
+    /// As it was last told.
+    bool isForced = false;
+  };
+
+  void renew();
+  void renewFan(int fan);
+  bool reach();
+  void forceTarget(int fan);
+  bool force(int fan, std::string_view suffix, std::int64_t value, bool isFloat);
+  bool giveBack(int fan, FanEvent occasion, const std::string& text);
+  void lose();
+  void end(int fan, FanEvent event, const std::string& text);
+  [[nodiscard]] bool isTooLateToForce() const;
+  [[nodiscard]] std::string leftToTheHelper() const;
+
+  FanControlClient& client;
+  const LeaseKeeper::Handler tell;
+  std::map<int, Fan> fans;
+  bool isConnected = false;
+  Duration periodEnd{};
+  Duration nextRenewal{};
+  /// When the last acknowledged forcing write was sent: the lease runs at least from then.
+  Duration lastWrite{};
+};
+
+}  // namespace quorvane
