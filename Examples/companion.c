@@ -10,7 +10,7 @@ static void tell(void* context, int fan, quorvane_fan_event event, const char* t
   static const char* const names[] = {"forced", "the helper is unreachable", "given back",
     "given back after the longest manual period", "taken back", "refused"};
   (void)context;
-  printf("fan %d: %s %s\n", fan, names[event], text);
+  printf("fan %d: %s. %s\n", fan, names[event], text);
   fflush(stdout);
 }
 

@@ -33,7 +33,7 @@ int main(int argc, char* argv[]) {
   }
   // The handler runs on the keeper's thread; a program with a window would post to its own.
   quorvane::LeaseKeeper keeper([](int fan, FanEvent event, const std::string& text) {
-    std::cout << "fan " << fan << ": " << name(event) << " " << text << std::endl;
+    std::cout << "fan " << fan << ": " << name(event) << ". " << text << std::endl;
   });
   keeper.hold(std::atoi(argv[1]), std::atoll(argv[2]));
   std::cin.get();

@@ -25,7 +25,7 @@ for function, result, arguments in (
 
 @HANDLER
 def tell(_context, fan, event, text):  # on the keeper's thread
-    print(f"fan {fan}: {EVENTS[event]} {text.decode()}", flush=True)
+    print(f"fan {fan}: {EVENTS[event]}. {text.decode()}", flush=True)
 
 
 if len(sys.argv) != 3:

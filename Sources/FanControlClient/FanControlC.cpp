@@ -78,9 +78,9 @@ quorvane_result quorvane_client_connect(quorvane_client* client) {
 }
 
 quorvane_result quorvane_client_write(quorvane_client* client, const char* key, int64_t value,
-                                      int is_float) {
+                                      int isFloat) {
   return settled(client,
-                 [&](auto& helper) { return helper.writeFanKey(key, value, is_float != 0); });
+                 [&](auto& helper) { return helper.writeFanKey(key, value, isFloat != 0); });
 }
 
 quorvane_result quorvane_client_restore_auto(quorvane_client* client) {
