@@ -185,7 +185,7 @@ TEST_F(Channel, PlacesAreBoundedForEachUserAndInAll) {
   {
     const std::vector<RawChannel> entering(maxConnectionsInAdmission);
     auto next = entering.begin();
-    for (const uid_t user : {1, 2, 3, 0}) {
+    for (const uid_t user : {1U, 2U, 3U, 0U}) {
       for (int i = 0; i < maxConnectionsInAdmissionOfOneUser; ++i) {
         EXPECT_TRUE(isChallenged(*next++, user)) << user;
       }
