@@ -1,4 +1,5 @@
-// A companion in C++: holds a fan at a speed until Enter or the end of its input, and tells what becomes of it.
+// A companion in C++: holds a fan at a speed until Enter or the end of its input, and tells what
+// becomes of it.
 //
 // usage: companion FAN RPM
 #include <FanControlClient/FanControlClient.h>
@@ -11,12 +12,18 @@ using quorvane::FanEvent;
 
 static const char* name(FanEvent event) {
   switch (event) {
-    case FanEvent::forced: return "forced";
-    case FanEvent::unreachable: return "the helper is unreachable";
-    case FanEvent::givenBack: return "given back";
-    case FanEvent::periodOver: return "given back after the longest manual period";
-    case FanEvent::takenBack: return "taken back";
-    case FanEvent::refused: return "refused";
+    case FanEvent::forced:
+      return "forced";
+    case FanEvent::unreachable:
+      return "the helper is unreachable";
+    case FanEvent::givenBack:
+      return "given back";
+    case FanEvent::periodOver:
+      return "given back after the longest manual period";
+    case FanEvent::takenBack:
+      return "taken back";
+    case FanEvent::refused:
+      return "refused";
   }
   return "";
 }
