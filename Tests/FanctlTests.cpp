@@ -11,7 +11,8 @@ using namespace std::chrono_literals;
 struct World {
   std::chrono::nanoseconds stopTime = 24h, latency{};
   std::string refusedKey{};
-  std::optional<StatusReport> report = StatusReport{{"fanCount", "2"}, {"forcedFans", "0"}};
+  /// Once anything has been written.
+  std::optional<StatusReport> report = StatusReport{{"forcedFans", "0,1"}};
   std::chrono::nanoseconds time{};
   std::string written{};
 } world;
@@ -38,7 +39,7 @@ std::optional<Outcome> FanControlClient::restoreAuto() {
 }
 std::optional<StatusReport> FanControlClient::status() {
   world.time += world.latency;
-  return world.report;
+  return world.written.empty() ? StatusReport{{"fanCount", "2"}} : world.report;
 }
 std::optional<Outcome> FanControlClient::writeFanKey(const std::string& key, std::int64_t value,
                                                      bool isFloat) {
@@ -50,21 +51,27 @@ std::optional<Outcome> FanControlClient::writeFanKey(const std::string& key, std
 
 namespace fanctl {
 
-void expectSession(const World& start, ExitStatus status, const std::string& lastWrites) {
+void expectSession(const World& start, ExitStatus status, const std::string& lastWrites,
+                   const ForceRequests& requests = {{'0', 2500}}) {
   world = start;
   FanControlClient client;
   VirtualClock clock;
-  EXPECT_EQ(runForce(client, clock, {'0', 2500}), status);
+  EXPECT_EQ(runForce(client, clock, requests), status);
   EXPECT_TRUE(world.written.ends_with(lastWrites)) << world.written << " and not " << lastWrites;
 }
 
 TEST(Fanctl, ForceOpensOnePeriodAndGivesTheFanBack) {
   expectSession({.stopTime = 12s}, done, "5 F0Tg=2500f 10 F0Tg=2500f 12 F0Md=0 ");
   expectSession({}, done, "1785 F0Tg=2500f 1799 F0Md=0 ");
-  expectSession({.latency = 10s}, done, "1780 F0Tg=2500f 1809 F0Md=0 ");
+  expectSession({.latency = 10s}, done, "1790 F0Tg=2500f 1819 F0Md=0 ");
   expectSession({.refusedKey = "F0Tg"}, refused, "0 F0Md=1 0 F0Tg=2500f 0 F0Md=0 ");
+  expectSession({}, badUsage, "", {{'0', 2500}, {'2', 2500}});
   expectSession({.report = {{{"forcedFans", "1"}}}}, refused, "0 F0Md=1 0 F0Tg=2500f ");
   expectSession({.report = std::nullopt}, unreachable, "0 F0Md=1 0 F0Tg=2500f ");
+  const ForceRequests both = {{'1', 3000}, {'0', 2500}};
+  expectSession({.stopTime = 6s}, done, "5 F1Tg=3000f 5 F0Tg=2500f 6 F1Md=0 6 F0Md=0 ", both);
+  expectSession({.refusedKey = "F0Md"}, refused, "0 F1Tg=3000f 0 F0Md=1 0 F1Md=0 ", both);
+  expectSession({.report = {{{"forcedFans", "1"}}}}, refused, "0 F0Tg=2500f 5 F1Md=0 ", both);
 }
 
 }  // namespace fanctl

@@ -41,15 +41,18 @@ TEST_F(Processes, ASessionOfTwoClientsUnderTheJournalsEyes) {
 }
 
 TEST_F(Processes, BothSignalsAtOnceRestoreOnce) {
-  mac.root.write("/sys/class/dmi/id/product_name", "Mac\xFF\n");
+  mac.root.write("/sys/class/dmi/id/product_name", "Mac\"\x1B\xFF\n");
   const auto daemon = mac.start();
   mac.batch("write\tF1Md\t1\n");
+  EXPECT_EQ(mac.sh("fanctl status --json"),
+            "0:{\"version\":\"1.0.0\",\"model\":\"Mac\\u0022\\u001b\uFFFD\",\"smcOpen\":\"1\","
+            "\"fanCount\":\"2\",\"forcedFans\":\"1\",\"leaseSeconds\":\"20\"}\n");
   daemon->signal(SIGSTOP);
   daemon->signal(SIGINT);
   daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->stop(SIGCONT), 0);
   EXPECT_EQ(mac.audited(),
-            "helper 1.0.0 started; model=Mac\uFFFD fans=2\nwrite F1Md=1\n"
+            "helper 1.0.0 started; model=Mac\"\x1B\uFFFD fans=2\nwrite F1Md=1\n"
             "restore → automatic (shutdown); fans=[1]\n");
 }
 
@@ -129,16 +132,34 @@ TEST_F(Processes, ProbeReadsAndWritesNothing) {
             "0:fanCount=2\n"
             "Fan 0: Ac=1350 Tg=1350 Mn=1350 Mx=5900 Md=0\n"
             "Fan 1: Ac=1400 Tg=1400 Mn=1400 Mx=6000 Md=0\n");
+  mac.sh("smcsim remove F1Mx; smcsim remove F1Md; smcsim set F0Md 01");
+  EXPECT_EQ(mac.sh("fanctl fans"),
+            "0:Fan    Actual    Target   Minimum   Maximum      Mode\n"
+            "  0      1350      1350      1350      5900    forced\n"
+            "  1      1400      1400      1400         -         -\n");
+  EXPECT_EQ(mac.sh("fanctl fans --json | cut -d '{' -f 3"),
+            "0:\"fan\":1,\"actual\":1400,\"target\":1400,\"minimum\":1400,\"maximum\":null,"
+            "\"mode\":null}]\n");
+  EXPECT_EQ(mac.sh("fanctl fans --json >/dev/full").front(), '1');
   EXPECT_EQ(mac.written() + mac.sh("ls $QUORVANE_ROOT/Library").front(), "2") << "no such folder";
 }
 
 TEST_F(Processes, FanctlRenewsUntilItIsStoppedAndRefusesAMalformedBatch) {
   const auto daemon = mac.start();
-  Process force("fanctl force 0 2500");
+  Process force("fanctl force 0=2500");
   mac.waitForWrites(5);  // the last of them a renewal
-  EXPECT_EQ(force.stop(SIGINT), 0);
+  EXPECT_EQ(force.stop(SIGHUP), 0);
   EXPECT_EQ(mac.audited(),
             started + "write F0Md=1\nwrite F0Tg=2500\nwrite F0Tg=2500\nwrite F0Md=0\n");
+  EXPECT_EQ(mac.sh("fanctl force 0 2500rpm"), "2:fanctl: rpm must be a whole number: 2500rpm\n");
+  EXPECT_EQ(mac.sh("fanctl force 0=0 7=2500"), "2:fanctl: fan 7: this Mac has 2 fans\n");
+  EXPECT_EQ(mac.sh("fanctl force 0=0 1=12001"), "2:fanctl: rpm must be 0 to 12000: 12001\n");
+  EXPECT_EQ(mac.sh("fanctl force 0=0 0=1"), "2:fanctl: fan 0 is given twice\n");
+  EXPECT_EQ(mac.sh("fanctl write F0Tg 1 -h").substr(0, 8), "0:usage:");
+  // Says why, as the refused client does not know.
+  const std::string unsignedClient = PROGRAMS_FOLDER "/fanctl";
+  EXPECT_EQ(mac.sh(unsignedClient + " ping 2>&1 | sed 's/.*why: //' | sh"),
+            "1:" + unsignedClient + ": the signature does not exist\n");
   mac.sh("smcsim fail F0Tg result 200");
   EXPECT_EQ(mac.sh("fanctl force 0 2500").front(), '1');
   for (const std::string line : {"", "ping\t", "ping\r", "write F0Tg 0", "write\tF0Tg",

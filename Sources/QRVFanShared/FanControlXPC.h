@@ -25,6 +25,8 @@ inline constexpr std::array<std::string_view, 2> appBundleIDs{"com.quorvane.app"
 inline constexpr std::string_view teamID = QUORVANE_TEAM_ID;
 /// How long one forcing write keeps manual control, in seconds.
 inline constexpr std::int64_t leaseSeconds = 20;
+/// The highest target speed that is taken; the lowest is 0.
+inline constexpr std::int64_t maxTargetRPM = 12000;
 /// How long a manual period may last however often it is renewed, in seconds.
 inline constexpr std::int64_t maxManualSeconds = 1800;
 inline constexpr char auditLogPath[] = "/Library/Application Support/Quorvane/fan-audit.log";

@@ -18,7 +18,6 @@ namespace {
 
 constexpr std::int64_t automaticMode = 0;
 constexpr std::int64_t forcedMode = 1;
-constexpr std::int64_t maxTargetRPM = 12000;
 
 constexpr std::chrono::seconds lease(FanControlConstants::leaseSeconds);
 constexpr std::chrono::seconds maxManual(FanControlConstants::maxManualSeconds);
@@ -91,7 +90,7 @@ std::optional<std::string> FanHelperService::valueRefusal(const FanKey& fanKey, 
                                                           bool isFloat) {
   switch (fanKey.kind) {
     case FanKey::Kind::target:
-      if (value < 0 || value > maxTargetRPM) return "RPM out of range";
+      if (value < 0 || value > FanControlConstants::maxTargetRPM) return "RPM out of range";
       break;
     case FanKey::Kind::mode:
       if ((value != automaticMode && value != forcedMode) || isFloat) return "Bad mode value";

@@ -42,9 +42,10 @@ std::optional<std::int64_t> parseInteger(std::string_view text) {
   return value;
 }
 
-ExitStatus report(const Outcome& outcome) {
+ExitStatus report(const Outcome& outcome, const std::string& subject) {
   if (outcome.success) return done;
-  std::cerr << "fanctl: " << outcome.message.value_or("refused without a reason") << "\n";
+  std::cerr << "fanctl: " << subject << outcome.message.value_or("refused without a reason")
+            << "\n";
   return refused;
 }
 

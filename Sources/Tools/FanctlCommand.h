@@ -16,7 +16,7 @@ namespace quorvane::fanctl {
 
 enum ExitStatus : int {
   done = 0,        ///< The helper said true.
-  refused = 1,     ///< The helper said false.
+  refused = 1,     ///< The helper said false, or the SMC tells of no fan, or the output is lost.
   badUsage = 2,    ///< Arguments or a line of a batch that make no command.
   unreachable = 3  ///< The helper cannot be reached, cut us off or did not answer.
 };
@@ -33,8 +33,9 @@ Call parseCall(Arguments arguments);
 /// A signed 64-bit decimal number and nothing else: no plus sign, no blanks.
 std::optional<std::int64_t> parseInteger(std::string_view text);
 
-/// Says on standard error what the helper refused with, if it did.
-ExitStatus report(const Outcome& outcome);
+/// Says on standard error what the helper refused with, if it did, behind the name of what it
+/// refused.
+ExitStatus report(const Outcome& outcome, const std::string& subject = "");
 
 /// Says on standard error why the last call got no answer.
 ExitStatus reportUnreachable(const FanControlClient& client);

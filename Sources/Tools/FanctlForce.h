@@ -1,4 +1,4 @@
-// fanctl force: holds one fan at a speed for as long as the helper allows, and gives it back on a
+// fanctl force: holds fans at a speed for as long as the helper allows, and gives them back on a
 // signal. Runs on the main thread.
 #pragma once
 
@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <vector>
 
 #include "Tools/FanctlCommand.h"
 
@@ -23,8 +24,9 @@ class ForceClock {
   virtual bool stopRequestedBy(Duration deadline) = 0;
 };
 
-/// The clock by which the helper counts lease and cap too. From its making on, SIGINT and SIGTERM
-/// are a request to stop and nothing else.
+/// The clock by which the helper counts lease and cap too. From its making on, SIGINT, SIGTERM
+/// and SIGHUP are a request to stop and nothing else; a SIGHUP that was ignored before stays so.
+/// SIGPIPE is ignored.
 class SignalClock : public ForceClock {
  public:
   SignalClock();
@@ -40,9 +42,14 @@ struct ForceRequest {
   std::int64_t rpm;
 };
 
-/// Forces the fan until asked to stop, until maxManualSeconds have passed, until the helper refuses
-/// or is gone, or until someone else has put the fan into automatic mode. On a terminal a line is
-/// redrawn every second; else there is one line at the beginning and one at the end.
-ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequest& request);
+/// At least one, and no fan twice.
+using ForceRequests = std::vector<ForceRequest>;
+
+/// Forces the fans until asked to stop, until maxManualSeconds have passed, until the helper
+/// refuses or is gone, or until someone else has put one of them into automatic mode; the others
+/// are given back then. On a terminal a line is redrawn every second, with the actual speeds where
+/// this user may read them; else there is one line for each fan at the beginning and one at the
+/// end.
+ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequests& requests);
 
 }  // namespace quorvane::fanctl

@@ -1,13 +1,16 @@
-// The companion on the command line: one command to the helper, and an exit status that says what
-// came of it.
+// The companion on the command line: one command, and an exit status that says what came of it.
+#include <getopt.h>
+
 #include <algorithm>
-#include <functional>
+#include <iomanip>
 #include <iostream>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "QuorvaneFanHelper/FanReading.h"
 #include "Tools/FanctlBatch.h"
 #include "Tools/FanctlCommand.h"
 #include "Tools/FanctlForce.h"
@@ -15,106 +18,197 @@
 namespace quorvane::fanctl {
 namespace {
 
-using Command = std::function<ExitStatus(FanControlClient&)>;
+using FanControlConstants::maxTargetRPM;
 
 constexpr std::string_view usage =
-    "usage: fanctl ping | status | auto\n"
+    "usage: fanctl ping | auto | batch\n"
+    "       fanctl status | fans [--json]\n"
     "       fanctl write KEY VALUE [float]\n"
-    "       fanctl force FAN RPM\n"
-    "       fanctl batch\n"
-    "       fanctl --help | --version\n";
+    "       fanctl force FAN RPM | FAN=RPM ...\n"
+    "       fanctl -h | --help | --version\n";
 
 constexpr std::string_view help = R"(
 ping     asks whether the helper is there and lets us in
 status   shows the helper's report, one "key: value" a line
+fans     shows each fan's speeds (rpm) and mode; "-" where we may not read it
 auto     puts every fan back under automatic control
-write    writes F0Md to F9Md (0 automatic, 1 forced) or F0Tg to F9Tg (rpm); "float" says that
-         VALUE is meant as floating-point. 20 seconds after the last write that forces one,
-         the helper takes all fans back.
-force    forces FAN (0 to 9) to RPM and renews every 5 seconds, until SIGINT (Ctrl-C), SIGTERM
-         or the end of the longest manual period, 1800 seconds; then it puts this one fan, and
-         no other, back under automatic control. It ends when someone else has done so.
-batch    reads commands from standard input, one a line, fields separated by tabs: ping,
-         status, auto, write KEY VALUE [float] and sleep SECONDS (fractions allowed, at most
-         an hour). Each is answered with one line: the ping text, the status as key=value
-         fields, "true", or "false" and a message, separated by tabs.
+write    writes F0Md to F9Md (0 automatic, 1 forced) or F0Tg to F9Tg (rpm);
+         "float" says that VALUE is meant as floating-point. 20 seconds after
+         the last write that forces one, the helper takes all fans back.
+force    forces each FAN (0 to 9) to its RPM (0 to 12000) until Ctrl-C, the end
+         of the terminal or 1800 seconds; then gives these, and no others, back
+batch    answers each line of standard input, ping, status, auto, write KEY
+         VALUE [float] or sleep SECONDS, fields separated by tabs, with one
 
-exit status: 0 the helper said true (batch: every line was answered), 1 the helper refused
-or a forced fan was taken back, 2 bad usage or a malformed line of a batch, 3 the helper
-cannot be reached or cut us off.
-)";
+exit status: 0 done, 1 the helper refused, a forced fan was taken back, no fan
+can be read or the output cannot be written, 2 bad usage, 3 the helper cannot
+be reached or cut us off; fanctl(1) tells more)";
 
-ExitStatus show(const std::string& text) {
-  std::cout << text << "\n";
-  return done;
+ExitStatus misused(const std::string& complaint) {
+  std::cerr << "fanctl: " << complaint << "\n";
+  return badUsage;
 }
 
-ExitStatus show(const Outcome& outcome) {
-  return report(outcome);
-}
-
-ExitStatus show(const StatusReport& report) {
-  for (const auto& [key, value] : report) std::cout << key << ": " << value << "\n";
-  return done;
-}
-
-/// Which speeds a fan may be set to is for the helper to say.
-Command parseForce(Arguments arguments) {
-  if (arguments.size() != 2 || arguments[0].size() != 1) return {};
-  const char fan = arguments[0].front();
-  const std::optional<std::int64_t> rpm = parseInteger(arguments[1]);
-  if (fan < '0' || fan > '9' || !rpm) return {};
-  return [request = ForceRequest{fan, *rpm}](FanControlClient& client) {
-    SignalClock clock;
-    return runForce(client, clock, request);
-  };
-}
-
-/// Empty for arguments that make no command.
-Command parseCommand(Arguments arguments) {
-  if (arguments.empty()) return {};
-  if (arguments[0] == "force") return parseForce(arguments.subspan(1));
-  if (arguments[0] == "batch" && arguments.size() == 1) {
-    return [](FanControlClient& client) { return runBatch(client, std::cin, std::cout); };
+/// What is wrong with the arguments, or nothing.
+std::string parseForce(Arguments arguments, ForceRequests& requests) {
+  std::vector<std::string> pairs(arguments.begin(), arguments.end());
+  const bool isOneFan = pairs.size() == 2 && pairs[0].find('=') == std::string::npos;
+  if (isOneFan) pairs = {pairs[0] + "=" + pairs[1]};
+  for (const std::string& pair : pairs) {
+    const std::size_t sign = pair.find('=');
+    if (sign == std::string::npos) return "not FAN=RPM: " + pair;
+    const std::string fan = pair.substr(0, sign), rpm = pair.substr(sign + 1);
+    if (fan.size() != 1 || fan < "0" || fan > "9") return "fan must be 0 to 9: " + fan;
+    const auto isSame = [&](const ForceRequest& other) { return other.fan == fan[0]; };
+    if (std::any_of(requests.begin(), requests.end(), isSame)) {
+      return "fan " + fan + " is given twice";
+    }
+    const std::optional<std::int64_t> speed = parseInteger(rpm);
+    if (!speed) return "rpm must be a whole number: " + rpm;
+    if (*speed < 0 || *speed > maxTargetRPM) {
+      return "rpm must be 0 to " + std::to_string(maxTargetRPM) + ": " + rpm;
+    }
+    requests.push_back({fan[0], *speed});
   }
-  const Call call = parseCall(arguments);
-  if (!call) return {};
-  return [call](FanControlClient& client) {
-    const Answer answer = call(client);
-    if (!answer) return reportUnreachable(client);
-    return std::visit([](const auto& value) { return show(value); }, *answer);
-  };
+  return pairs.empty() ? "force takes FAN RPM, or FAN=RPM for each fan" : "";
 }
 
 ExitStatus reportBadUsage(Arguments arguments) {
+  if (arguments.size() > 2 && arguments[0] == "write" && !parseInteger(arguments[2])) {
+    return misused("the value must be a whole number: " + std::string(arguments[2]));
+  }
   std::cerr << (arguments.empty() ? "fanctl: no command given" : "fanctl: not a command:");
   for (const std::string_view argument : arguments) std::cerr << " " << argument;
   std::cerr << "\n" << usage;
   return badUsage;
 }
 
-ExitStatus run(Arguments arguments) {
-  const bool isSingle = arguments.size() == 1;
-  if (isSingle && arguments.front() == "--help") {
-    std::cout << usage << help;
-    return done;
+using Members = std::vector<std::pair<std::string, std::string>>;
+
+/// A JSON string of valid UTF-8.
+std::string quote(const std::string& text) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string json = "\"";
+  for (const char c : text) {
+    const bool isPlain = static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\';
+    json += isPlain ? std::string(1, c) : std::string("\\u00") + digits[c >> 4] + digits[c & 15];
   }
-  if (isSingle && arguments.front() == "--version") {
-    std::cout << "fanctl " QUORVANE_VERSION "\n";
-    return done;
+  return json + '"';
+}
+
+/// The values are JSON already.
+void showObject(const Members& members, const char* separator) {
+  for (const auto& [key, value] : members) {
+    std::cout << std::exchange(separator, ",") << quote(key) << ":" << value;
   }
-  const Command command = parseCommand(arguments);
-  if (!command) return reportBadUsage(arguments);
+  std::cout << "}";
+}
+
+ExitStatus show(const Answer& answer, bool asJSON) {
+  if (const auto* outcome = std::get_if<Outcome>(&*answer)) return report(*outcome);
+  if (const auto* text = std::get_if<std::string>(&*answer)) std::cout << *text;
+  if (const auto* status = std::get_if<StatusReport>(&*answer)) {
+    StatusReport report = *status;
+    for (auto& [key, value] : report) {
+      if (asJSON) value = quote(value);
+      if (!asJSON) std::cout << key << ": " << value << "\n";
+    }
+    if (!asJSON) return done;
+    showObject(report, "{");
+  }
+  std::cout << "\n";
+  return done;
+}
+
+template <typename Number>
+std::string render(const std::optional<Number>& number, bool asJSON) {
+  return number ? std::to_string(*number) : asJSON ? "null" : "-";
+}
+
+void showFan(unsigned fan, const FanReading& reading, bool asJSON) {
+  std::string mode = render(reading.mode, asJSON);
+  if (!asJSON && mode == "0") mode = "automatic";
+  if (!asJSON && mode == "1") mode = "forced";
+  const Members members = {{"fan", std::to_string(fan)},
+                           {"actual", render(reading.actual, asJSON)},
+                           {"target", render(reading.target, asJSON)},
+                           {"minimum", render(reading.minimum, asJSON)},
+                           {"maximum", render(reading.maximum, asJSON)},
+                           {"mode", mode}};
+  if (asJSON) return showObject(members, fan == 0 ? "{" : ",{");
+  for (const auto& [name, text] : members) std::cout << std::setw(name == "fan" ? 3 : 10) << text;
+  std::cout << "\n";
+}
+
+/// Asks the SMC and not the helper, so it needs no admission.
+ExitStatus showFans(bool asJSON) {
+  HelperSMC smc;
+  connectIfThere(smc);
+  const std::optional<std::uint8_t> count = smc.readByte("FNum");
+  if (!count) {
+    std::cerr << "fanctl: no SMC answers this user; a simulated one answers root only\n";
+    return refused;
+  }
+  std::cout << (asJSON ? "[" : "Fan    Actual    Target   Minimum   Maximum      Mode\n");
+  for (unsigned fan = 0; fan < *count; ++fan) showFan(fan, readFan(smc, fan), asJSON);
+  std::cout << (asJSON ? "]\n" : "");
+  return done;
+}
+
+/// The commands that take the helper.
+ExitStatus ask(Arguments arguments, bool asJSON) {
+  const bool isForce = arguments[0] == "force";
+  const bool isBatch = arguments[0] == "batch" && arguments.size() == 1;
+  const Call call = parseCall(arguments);
+  if (!isForce && !isBatch && !call) return reportBadUsage(arguments);
+  ForceRequests requests;
+  const std::string complaint = isForce ? parseForce(arguments.subspan(1), requests) : "";
+  if (!complaint.empty()) return misused(complaint);
 
   FanControlClient client;
   if (!client.connect()) return reportUnreachable(client);
-  return command(client);
+  if (isBatch) return runBatch(client, std::cin, std::cout);
+  if (isForce) {
+    SignalClock clock;
+    return runForce(client, clock, requests);
+  }
+  const Answer answer = call(client);
+  return answer ? show(answer, asJSON) : reportUnreachable(client);
+}
+
+ExitStatus run(int argc, char* argv[]) {
+  static constexpr option options[] = {{"help", no_argument, nullptr, 'h'},
+                                       {"json", no_argument, nullptr, 'j'},
+                                       {"version", no_argument, nullptr, 'v'},
+                                       {}};
+  std::vector<std::string_view> operands;
+  bool asJSON = false;
+  // The "-" has operands handed out in their place, as 1: options may follow them everywhere.
+  for (int each; (each = getopt_long(argc, argv, "-h", options, nullptr)) != -1;) {
+    if (each == '?') return badUsage;
+    if (each == 'h') return show(std::string(usage).append(help), /*asJSON=*/false);
+    if (each == 'v') return show("fanctl " QUORVANE_VERSION, /*asJSON=*/false);
+    if (each == 'j') asJSON = true;
+    if (each == 1) operands.emplace_back(optarg);
+  }
+  operands.insert(operands.end(), argv + std::min(optind, argc), argv + argc);
+  if (operands.empty()) return reportBadUsage(operands);
+  const bool isFans = operands[0] == "fans" && operands.size() == 1;
+  if (asJSON && !isFans && operands[0] != "status") return misused("--json is for status and fans");
+  return isFans ? showFans(asJSON) : ask(operands, asJSON);
+}
+
+/// What was not written is not done.
+ExitStatus finish(ExitStatus status) {
+  if (std::cout.flush()) return status;
+  std::cerr << "fanctl: the output cannot be written\n";
+  return status == done ? refused : status;
 }
 
 }  // namespace
 }  // namespace quorvane::fanctl
 
 int main(int argc, char* argv[]) {
-  const std::vector<std::string_view> arguments(argv + std::min(argc, 1), argv + argc);
-  return quorvane::fanctl::run(arguments);
+  using namespace quorvane::fanctl;
+  return finish(run(argc, argv));
 }

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
 #include <utility>
 
@@ -32,6 +33,14 @@ class FanControlClient::Implementation {
 
  private:
   static constexpr char closed[] = "the helper closed the connection";
+
+  /// Names who can say more, for the helper ends the connection without a word.
+  static std::string refusal() {
+    std::error_code error;
+    const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
+    return "the helper refused this client; to see why: quorvane-codesign verify --team " +
+           std::string(FanControlConstants::teamID) + " " + executable.native();
+  }
 
   static Deadline nextDeadline() { return std::chrono::steady_clock::now() + replyTimeout; }
 
@@ -67,9 +76,7 @@ class FanControlClient::Implementation {
 
   bool answerChallenge(Deadline deadline) {
     std::string challenge;
-    if (!receive(challenge, deadline, "the helper refused this client (is it signed?)")) {
-      return false;
-    }
+    if (!receive(challenge, deadline, refusal())) return false;
     const auto nonce = decodeNonce(xpc::MessageKind::challenge, challenge);
     if (!nonce) return fail("the helper's challenge is malformed");
     return send(encodeNonce(xpc::MessageKind::response, *nonce), deadline);
@@ -100,7 +107,7 @@ class FanControlClient::Implementation {
     return errno == EAGAIN ? failLate() : fail(closed);
   }
 
-  bool receive(std::string& message, Deadline deadline, const char* whenClosed) {
+  bool receive(std::string& message, Deadline deadline, const std::string& whenClosed) {
     message.resize(xpc::maxReplySize);
     // With MSG_TRUNC the result is the message's own size, also when it did not fit.
     const ssize_t size = untilDone(SO_RCVTIMEO, deadline, [&] {
