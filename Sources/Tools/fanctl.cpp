@@ -176,6 +176,11 @@ ExitStatus ask(Arguments arguments, bool asJSON) {
   return answer ? show(answer, asJSON) : reportUnreachable(client);
 }
 
+/// An operand, which is the helper's to refuse, and no option.
+bool isNegativeNumber(std::string_view argument) {
+  return argument.size() > 1 && argument[0] == '-' && parseInteger(argument).has_value();
+}
+
 ExitStatus run(int argc, char* argv[]) {
   static constexpr option options[] = {{"help", no_argument, nullptr, 'h'},
                                        {"json", no_argument, nullptr, 'j'},
@@ -184,7 +189,13 @@ ExitStatus run(int argc, char* argv[]) {
   std::vector<std::string_view> operands;
   bool asJSON = false;
   // The "-" has operands handed out in their place, as 1: options may follow them everywhere.
-  for (int each; (each = getopt_long(argc, argv, "-h", options, nullptr)) != -1;) {
+  while (optind < argc) {
+    if (isNegativeNumber(argv[optind])) {
+      operands.emplace_back(argv[optind++]);
+      continue;
+    }
+    const int each = getopt_long(argc, argv, "-h", options, nullptr);
+    if (each == -1) break;
     if (each == '?') return badUsage;
     if (each == 'h') return show(std::string(usage).append(help), /*asJSON=*/false);
     if (each == 'v') return show("fanctl " QUORVANE_VERSION, /*asJSON=*/false);
