@@ -148,14 +148,13 @@ int verify(Options options) {
               ", valid until " + signer.validUntil);
 }
 
-/// The helper's question: does the process behind the pidfd that is descriptor 3 meet the
-/// requirement? Its files may hold us up for good; then the helper ends us, or its own end does.
+/// The helper's question: does the process of that number meet the requirement? Its files may hold
+/// us up for good; then the helper ends us, or its own end does.
 int admit(std::string_view requirement, const std::string& pid, const std::string& guard) {
-  constexpr int process = 3;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != std::atoi(guard.c_str())) return exitRefused;  // it has ended before that
   setsid();                                                       // no terminal means us any more
-  const Descriptor executable = openPeerExecutable(std::atoi(pid.c_str()), process);
+  const Descriptor executable = openPeerExecutable(std::atoi(pid.c_str()));
   if (!executable) return exitRefused;
   const Verdict verdict = verifySignature(executable.get());
   const auto* peer = std::get_if<Identity>(&verdict);

@@ -20,9 +20,6 @@
 namespace quorvane::xpc {
 namespace {
 
-/// Where the gatekeeper finds the peer's pidfd.
-constexpr int pidfdNumber = 3;
-
 /// Installed in bin, beside the sbin or the bin that the guard is in. Empty when that is not known.
 std::string programPath() {
   std::error_code error;
@@ -30,20 +27,16 @@ std::string programPath() {
   return error ? "" : (guard.parent_path() / "../bin/quorvane-codesign").string();
 }
 
-/// The process number of a new gatekeeper, with /dev/null and the peer's pidfd for descriptors and
-/// with no signal blocked or ignored; 0 without one.
-pid_t spawn(pid_t peer, const char* program, char* const* arguments, char* const* environment) {
-  // By its number, because it is the isolated thread's own. The connection has held an older one
-  // all the time, so that the number has never been another process's when the peer is found alive.
-  const Descriptor pidfd = openPidfd(peer);
+/// The process number of a new gatekeeper, with /dev/null for its standard descriptors and no
+/// others, and with no signal blocked or ignored; 0 without one.
+pid_t spawn(const char* program, char* const* arguments, char* const* environment) {
   posix_spawn_file_actions_t files;
   posix_spawn_file_actions_init(&files);
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     posix_spawn_file_actions_addopen(&files, standard, "/dev/null", O_RDWR | O_NOCTTY, 0);
   }
-  posix_spawn_file_actions_adddup2(&files, pidfd.get(), pidfdNumber);
-  // Whatever else the guard was started with.
-  posix_spawn_file_actions_addclosefrom_np(&files, pidfdNumber + 1);
+  // Whatever the guard was started with.
+  posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t signals;
@@ -54,7 +47,7 @@ pid_t spawn(pid_t peer, const char* program, char* const* arguments, char* const
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t child = 0;
   const bool isStarted =
-      pidfd && posix_spawn(&child, program, &files, &attributes, arguments, environment) == 0;
+      posix_spawn(&child, program, &files, &attributes, arguments, environment) == 0;
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&files);
   return isStarted ? child : 0;
@@ -62,6 +55,8 @@ pid_t spawn(pid_t peer, const char* program, char* const* arguments, char* const
 
 /// The process number of a new gatekeeper; 0 without one.
 pid_t startGatekeeper(const Peer& peer, std::string requirement) {
+  // The number is still the peer's: the connection holds a pidfd, and finds the peer alive when it
+  // answers the challenge.
   std::string program = programPath(), name = "quorvane-codesign", command = "admit",
               number = std::to_string(peer.number()), guard = std::to_string(getpid()),
               // All of the environment that it has a use for.
@@ -70,8 +65,7 @@ pid_t startGatekeeper(const Peer& peer, std::string requirement) {
                              number.data(), guard.data(),   nullptr};
   char* const environment[] = {root.data(), nullptr};
   pid_t child = 0;
-  const bool hasRun =
-      runIsolated([&] { child = spawn(peer.number(), program.c_str(), arguments, environment); });
+  const bool hasRun = runIsolated([&] { child = spawn(program.c_str(), arguments, environment); });
   return hasRun ? child : 0;
 }
 

@@ -1,7 +1,6 @@
 #include "Platform/Linux/CodeSigning/PeerExecutable.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -18,21 +17,14 @@ bool isSameFile(int folder, const char* path, const char* other) {
          status.st_dev == otherStatus.st_dev && status.st_ino == otherStatus.st_ino;
 }
 
-/// A pidfd becomes readable when its process ends (pidfd_open(2)).
-bool isAlive(int process) {
-  pollfd ending{process, POLLIN, 0};
-  return poll(&ending, 1, 0) == 0;
-}
-
 }  // namespace
 
-Descriptor openPeerExecutable(pid_t pid, int process) {
+Descriptor openPeerExecutable(pid_t pid) {
   const Descriptor folder = openFile("/proc/" + std::to_string(pid), O_PATH | O_DIRECTORY);
   const Descriptor executable = openFileAt(folder.get(), "exe", O_PATH);
   // After the opening: a process that is in our namespaces then has never been in others.
   const bool isGenuine = isSameFile(folder.get(), "ns/user", "/proc/self/ns/user") &&
-                         isSameFile(folder.get(), "ns/pid", "/proc/self/ns/pid") &&
-                         isAlive(process);  // and so the folder is this process's
+                         isSameFile(folder.get(), "ns/pid", "/proc/self/ns/pid");
   return isGenuine ? openRegular(executable).descriptor : Descriptor();
 }
 
