@@ -2,8 +2,9 @@
 // nothing runs and no time passes unless the test says so. Each queue runs its blocks in order, an
 // older queue before a younger one. A sync that would wait for ever, onto a suspended queue or onto
 // one that waits for the caller, ends the process; what its block throws comes out of the next
-// runUntilIdle(), because macOS declares that dispatch_sync_f throws nothing. All but drain() may be called by a block as
-// well: that runs everything but the queues which wait for the block. There are no signals here.
+// runUntilIdle(), because macOS declares that dispatch_sync_f throws nothing. All but drain() may
+// be called by a block as well: that runs everything but the queues which wait for the block. There
+// are no signals here.
 #pragma once
 
 #include <chrono>
