@@ -60,8 +60,9 @@ sigset_t holdSignals() {
 [[noreturn]] void runDaemon(os_log_t log) {
   // A line that nobody can read, or that the disk does not take, is an error to its writer and not
   // the end of the fans' guard; nor is a terminal that is closed, or its keys to quit and to stop.
-  for (const int each : {SIGPIPE, SIGXFSZ, SIGHUP, SIGQUIT, SIGTSTP, SIGTTOU})
+  for (const int each : {SIGPIPE, SIGXFSZ, SIGHUP, SIGQUIT, SIGTSTP, SIGTTOU}) {
     signal(each, SIG_IGN);
+  }
   // As the service managers have it, for a start by hand: nobody else writes into our folders.
   umask(022);
   if (const auto obstacle = xpc::claimMachService(helperMachService)) fail(*obstacle);
