@@ -125,7 +125,7 @@ TEST_F(HostileClients, AGatekeeperHasOnlyItsOwnAndEndsAtTheDeadline) {
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(mac.sh("fanctl ping").front(), '3');
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
-  EXPECT_NEAR(taken.count(), 5, 0.9);
+  EXPECT_NEAR(taken.count(), 6.5, 2) << "less than the time that fanctl waits";
   EXPECT_EQ(mac.root.read("/descriptors"), "0 1 2 3\n") << "3 is the folder that ls reads";
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
 }
