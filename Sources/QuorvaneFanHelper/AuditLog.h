@@ -1,5 +1,5 @@
-// The record of what the helper did to the fans: a plain-text file that only ever grows. Written
-// from the service's queue only, so that its lines stand in the order of events.
+// The record of what the helper did to the fans: a plain-text file that is only appended to.
+// Written from the service's queue only, so that its lines stand in the order of events.
 #pragma once
 
 #include <string_view>
