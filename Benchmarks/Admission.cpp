@@ -18,7 +18,7 @@ constexpr int connectionsInARow = 5;
 
 template <auto release>
 struct Release {
-  template <typename Object>
+  template <class Object>
   void operator()(Object* object) const {
     release(object);
   }

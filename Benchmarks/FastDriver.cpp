@@ -43,7 +43,7 @@ class FastDriver final : public UserClient {
 
 }  // namespace
 
-std::vector<Service> publishedServices() {
+std::vector<ServiceDescription> publishedServices() {
   return {
       {"AppleSMC", "AppleSMCKeysEndpoint", [](std::uint32_t, std::unique_ptr<UserClient>& client) {
          client = std::make_unique<FastDriver>();

@@ -12,7 +12,7 @@ namespace quorvane::hwmon {
 namespace {
 
 using enum smc::Command;
-constexpr auto intel = smc::typeFpe2, apple = smc::typeFlt, byte = smc::typeUi8;
+constexpr auto intel = smc::typeFPE2, apple = smc::typeFLT, byte = smc::typeUI8;
 
 /// Plain files, and what the kernel adds to them.
 struct KernelFolder : Folder {
@@ -36,10 +36,10 @@ struct HwmonSMCTest : testing::Test {
   HwmonSMCTest() { unplug(); }
   static void unplug() { std::filesystem::remove_all(root.path("/sys")); }
   /// The kernel return code, else the SMC's result.
-  int ask(smc::Command command, const char* key, smc::FourCharCode type, double value = 0) {
+  int ask(smc::Command command, const char* key, FourCC type, double value = 0) {
     const auto low = static_cast<std::uint8_t>(type == byte ? value : 0);
-    smc::Record record{.key = smc::fourCharCode(key),
-                       .size = type == byte ? 1 : smc::speedInfo(type, 0).size,
+    smc::Record record{.key = fourCC(key),
+                       .size = type == byte ? 1 : smc::speedKey(type, 0).size,
                        .type = type,
                        .command = command,
                        .data = type == byte ? smc::Data{low} : smc::encodeSpeed(type, value)};

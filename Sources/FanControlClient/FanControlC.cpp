@@ -18,13 +18,13 @@ struct quorvane_client {
   std::string text;
   StatusReport report;
 
-  template <class Answer>
-  quorvane_result settle(const std::optional<Answer>& answer) {
-    if (!answer) {
+  template <class Reply>
+  quorvane_result settle(const std::optional<Reply>& reply) {
+    if (!reply) {
       text = client.error();
       return QUORVANE_UNREACHABLE;
     }
-    return take(*answer);
+    return take(*reply);
   }
 
  private:

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/NoDestructor.h"
 #include "Platform/UTF8.h"
 #include "QuorvaneFanHelper/AuditLog.h"
 #include "QuorvaneFanHelper/LastResort.h"
@@ -47,9 +48,8 @@ FanHelperService::FanHelperService()
     : log(os_log_create("com.quorvane.app", "FanHelper")), queue("com.quorvane.fanhelper.smc") {}
 
 const std::string& FanHelperService::model() {
-  // Never freed: a status may still be under way while the process exits.
-  static const std::string& text = *new std::string(readModel());
-  return text;
+  static const NoDestructor<std::string> text(readModel());
+  return *text;
 }
 
 void FanHelperService::startup() {

@@ -81,15 +81,14 @@ void HelperSMC::close() {
   isOpen = false;
 }
 
-HelperSMC::Record HelperSMC::makeRecord(std::uint32_t code, std::uint8_t command) {
+HelperSMC::Record HelperSMC::makeRecord(FourCC code, std::uint8_t command) {
   Record record{};
   store(record, code, keyOffset);
   record[commandOffset] = command;
   return record;
 }
 
-HelperSMC::Record HelperSMC::makeRecord(std::uint32_t code, const KeyInfo& info,
-                                        std::uint8_t command) {
+HelperSMC::Record HelperSMC::makeRecord(FourCC code, const KeyInfo& info, std::uint8_t command) {
   Record record = makeRecord(code, command);
   store(record, info.dataSize, dataSizeOffset);
   store(record, info.dataType, dataTypeOffset);
@@ -120,7 +119,7 @@ std::optional<HelperSMC::Record> HelperSMC::call(const Record& request) const {
   return reply;
 }
 
-std::optional<KeyInfo> HelperSMC::keyInfo(std::uint32_t code) {
+std::optional<KeyInfo> HelperSMC::keyInfo(FourCC code) {
   const auto known = keyInfoCache.find(code);
   if (known != keyInfoCache.end()) return known->second;
   const std::optional<Record> reply = call(makeRecord(code, keyInfoCommand));
@@ -133,7 +132,7 @@ std::optional<KeyInfo> HelperSMC::keyInfo(std::uint32_t code) {
 
 std::optional<std::vector<std::uint8_t>> HelperSMC::readRaw(std::string_view key) {
   if (!isOpen) return std::nullopt;
-  const std::uint32_t code = keyCode(key);
+  const FourCC code = keyCode(key);
   const std::optional<KeyInfo> info = keyInfo(code);
   if (!info) return std::nullopt;
   const std::optional<Record> reply = call(makeRecord(code, *info, readCommand));
@@ -145,7 +144,7 @@ std::optional<std::vector<std::uint8_t>> HelperSMC::readRaw(std::string_view key
 
 // Judged less strictly than a read: a write that the driver and the SMC call good has taken effect,
 // however little of the record came back.
-void HelperSMC::write(std::uint32_t code, const KeyInfo& info,
+void HelperSMC::write(FourCC code, const KeyInfo& info,
                       std::span<const std::uint8_t> payload) const {
   if (!isOpen) throw SMCError::notOpen();
   Record request = makeRecord(code, info, writeCommand);
@@ -165,7 +164,7 @@ std::optional<std::uint8_t> HelperSMC::readByte(std::string_view key) {
 }
 
 void HelperSMC::writeByte(std::string_view key, std::uint8_t value) {
-  const std::uint32_t code = keyCode(key);
+  const FourCC code = keyCode(key);
   const std::optional<KeyInfo> info = keyInfo(code);
   // The value stands in the last byte: one beyond the record's data area would not be sent at all.
   if (!info || info->dataSize == 0 || info->dataSize > dataCapacity) throw SMCError::keyMissing();
@@ -175,7 +174,7 @@ void HelperSMC::writeByte(std::string_view key, std::uint8_t value) {
 }
 
 void HelperSMC::writeRPM(std::string_view key, double value) {
-  const std::uint32_t code = keyCode(key);
+  const FourCC code = keyCode(key);
   const std::optional<KeyInfo> info = keyInfo(code);
   if (!info) throw SMCError::keyMissing();
   const auto payload = encode(value, info->dataType, info->dataSize);

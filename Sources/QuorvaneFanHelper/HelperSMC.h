@@ -15,6 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Platform/FourCC.h"
 #include "QuorvaneFanHelper/SMCError.h"
 
 namespace quorvane {
@@ -23,40 +24,32 @@ namespace quorvane {
 struct KeyInfo {
   /// Length of the value, in bytes.
   std::uint32_t dataSize = 0;
-  /// Four-character code, comparable with HelperSMC's type constants.
-  std::uint32_t dataType = 0;
+  /// Comparable with HelperSMC's type constants.
+  FourCC dataType = 0;
   /// Never interpreted, only quoted back.
   std::uint8_t attributes = 0;
 };
 
-/// The code of a name: its UTF-8 bytes, the first in the most significant place. Of a longer name
-/// only the last four bytes remain; a shorter one is not padded.
-constexpr std::uint32_t fourCC(std::string_view name) {
-  std::uint32_t code = 0;
-  for (const char character : name) code = code << 8 | static_cast<std::uint8_t>(character);
-  return code;
-}
-
 class HelperSMC {
  public:
-  static constexpr std::uint32_t typeFLT = fourCC("flt ");
-  static constexpr std::uint32_t typeFPE2 = fourCC("fpe2");
-  static constexpr std::uint32_t typeFP2E = fourCC("fp2e");
-  static constexpr std::uint32_t typeUI16 = fourCC("ui16");
-  static constexpr std::uint32_t typeUI8 = fourCC("ui8 ");
-  static constexpr std::uint32_t typeSP78 = fourCC("sp78");
+  static constexpr FourCC typeFLT = fourCC("flt ");
+  static constexpr FourCC typeFPE2 = fourCC("fpe2");
+  static constexpr FourCC typeFP2E = fourCC("fp2e");
+  static constexpr FourCC typeUI16 = fourCC("ui16");
+  static constexpr FourCC typeUI8 = fourCC("ui8 ");
+  static constexpr FourCC typeSP78 = fourCC("sp78");
 
-  static constexpr std::uint32_t keyCode(std::string_view key) { return fourCC(key); }
+  static constexpr FourCC keyCode(std::string_view key) { return fourCC(key); }
 
   /// The number in a key's bytes, or nothing when they are too few or of a type that holds none.
   /// `size` is the key's dataSize, which decides how a type that is not known is read.
-  static std::optional<double> decode(std::span<const std::uint8_t> bytes, std::uint32_t type,
+  static std::optional<double> decode(std::span<const std::uint8_t> bytes, FourCC type,
                                       std::int64_t size);
 
   /// The bytes for a number, which is brought into the range of the type; nothing for a type that
   /// is not known or a size too small for it. Their count depends on the type alone and may be less
   /// than `size`.
-  static std::optional<std::vector<std::uint8_t>> encode(double value, std::uint32_t type,
+  static std::optional<std::vector<std::uint8_t>> encode(double value, FourCC type,
                                                          std::int64_t size);
 
   HelperSMC() = default;
@@ -71,7 +64,7 @@ class HelperSMC {
   void close();
 
   /// Asks the SMC until it has answered once, and remembers that answer.
-  std::optional<KeyInfo> keyInfo(std::uint32_t code);
+  std::optional<KeyInfo> keyInfo(FourCC code);
 
   /// The first dataSize bytes of the key's value, at most 32; none for a key of size 0.
   std::optional<std::vector<std::uint8_t>> readRaw(std::string_view key);
@@ -90,20 +83,20 @@ class HelperSMC {
   using Record = std::array<std::uint8_t, recordSize>;
 
   static std::optional<io_connect_t> open();
-  static Record makeRecord(std::uint32_t code, std::uint8_t command);
-  static Record makeRecord(std::uint32_t code, const KeyInfo& info, std::uint8_t command);
+  static Record makeRecord(FourCC code, std::uint8_t command);
+  static Record makeRecord(FourCC code, const KeyInfo& info, std::uint8_t command);
   static void store(Record& record, std::uint32_t value, std::size_t offset);
 
   /// Hands the request to the driver. Yields what the call returned, the reply, and the size that
   /// is said to have.
   kern_return_t submit(const Record& request, Record& reply, std::size_t& replySize) const;
   std::optional<Record> call(const Record& request) const;
-  void write(std::uint32_t code, const KeyInfo& info, std::span<const std::uint8_t> payload) const;
+  void write(FourCC code, const KeyInfo& info, std::span<const std::uint8_t> payload) const;
 
   io_connect_t connection = 0;
   bool isOpen = false;
   /// Answers of successful lookups only. Bounded by the keys that the program itself names.
-  std::unordered_map<std::uint32_t, KeyInfo> keyInfoCache;
+  std::unordered_map<FourCC, KeyInfo> keyInfoCache;
 };
 
 }  // namespace quorvane

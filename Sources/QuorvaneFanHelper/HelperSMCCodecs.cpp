@@ -49,7 +49,7 @@ std::optional<double> decodeBySize(std::span<const std::uint8_t> bytes, std::int
 
 }  // namespace
 
-std::optional<double> HelperSMC::decode(std::span<const std::uint8_t> bytes, std::uint32_t type,
+std::optional<double> HelperSMC::decode(std::span<const std::uint8_t> bytes, FourCC type,
                                         std::int64_t size) {
   if (type == typeFLT && bytes.size() >= 4) return decodeSingle(bytes);
   if (type == typeUI8 && !bytes.empty()) return bytes[0];
@@ -65,7 +65,7 @@ std::optional<double> HelperSMC::decode(std::span<const std::uint8_t> bytes, std
   return decodeBySize(bytes, size);
 }
 
-std::optional<std::vector<std::uint8_t>> HelperSMC::encode(double value, std::uint32_t type,
+std::optional<std::vector<std::uint8_t>> HelperSMC::encode(double value, FourCC type,
                                                            std::int64_t size) {
   const double v = value > 0 ? value : 0;  // neither negative nor NaN
   if (type == typeFLT && size >= 4) return encodeSingle(v);

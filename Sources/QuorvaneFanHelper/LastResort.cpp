@@ -10,6 +10,7 @@
 #include <exception>
 #include <string>
 
+#include "Platform/NoDestructor.h"
 #include "QuorvaneFanHelper/HelperSMC.h"
 
 namespace quorvane {
@@ -80,8 +81,8 @@ void installLastResort() {
 }
 
 std::recursive_mutex& forcingTurn() {
-  static auto& turn = *new std::recursive_mutex;
-  return turn;
+  static const NoDestructor<std::recursive_mutex> turn;
+  return *turn;
 }
 
 }  // namespace quorvane

@@ -14,7 +14,7 @@ void installLastResort();
 /// The last resort takes it first and keeps it. Each write that forces a fan holds it, so that none
 /// comes behind the last resort; and exit() must not be called without it, or a fan could be left
 /// with the last resort half done. Recursive, because a failure that unwinds nothing leaves it with
-/// the thread that failed. Never freed. Callable from any thread.
+/// the thread that failed. Callable from any thread.
 std::recursive_mutex& forcingTurn();
 
 }  // namespace quorvane

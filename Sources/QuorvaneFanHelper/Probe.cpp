@@ -9,7 +9,7 @@
 namespace quorvane {
 namespace {
 
-template <typename Number>
+template <class Number>
 std::string render(const std::optional<Number>& number) {
   return number ? std::to_string(*number) : "—";
 }

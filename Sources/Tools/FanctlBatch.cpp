@@ -76,9 +76,9 @@ ExitStatus runBatch(FanControlClient& client, std::istream& commands, std::ostre
       std::cerr << "fanctl: line " << number << " of the batch is malformed\n";
       return badUsage;
     }
-    const Answer answer = call(client);
-    if (!answer) return reportUnreachable(client);
-    answers << std::visit([](const auto& value) { return render(value); }, *answer) << std::endl;
+    const Reply reply = call(client);
+    if (!reply) return reportUnreachable(client);
+    answers << std::visit([](const auto& value) { return render(value); }, *reply) << std::endl;
   }
   return done;
 }

@@ -23,8 +23,8 @@ enum ExitStatus : int {
 
 using Arguments = std::span<const std::string_view>;
 /// In the type of the call, or nothing when the helper is gone.
-using Answer = std::optional<std::variant<std::string, Outcome, StatusReport>>;
-using Call = std::function<Answer(FanControlClient&)>;
+using Reply = std::optional<std::variant<std::string, Outcome, StatusReport>>;
+using Call = std::function<Reply(FanControlClient&)>;
 
 /// ping, status, auto or write KEY VALUE [float]; empty for anything else. An empty last argument
 /// of write is an absent one.

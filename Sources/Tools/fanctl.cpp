@@ -104,10 +104,10 @@ void showObject(const Members& members, const char* separator) {
   std::cout << "}";
 }
 
-ExitStatus show(const Answer& answer, bool asJSON) {
-  if (const auto* outcome = std::get_if<Outcome>(&*answer)) return report(*outcome);
-  if (const auto* text = std::get_if<std::string>(&*answer)) std::cout << *text;
-  if (const auto* status = std::get_if<StatusReport>(&*answer)) {
+ExitStatus show(const Reply& reply, bool asJSON) {
+  if (const auto* outcome = std::get_if<Outcome>(&*reply)) return report(*outcome);
+  if (const auto* text = std::get_if<std::string>(&*reply)) std::cout << *text;
+  if (const auto* status = std::get_if<StatusReport>(&*reply)) {
     StatusReport report = *status;
     for (auto& [key, value] : report) {
       if (asJSON) value = quote(value);
@@ -120,7 +120,7 @@ ExitStatus show(const Answer& answer, bool asJSON) {
   return done;
 }
 
-template <typename Number>
+template <class Number>
 std::string render(const std::optional<Number>& number, bool asJSON) {
   return number ? std::to_string(*number) : asJSON ? "null" : "-";
 }
@@ -172,8 +172,8 @@ ExitStatus ask(Arguments arguments, bool asJSON) {
     SignalClock clock;
     return runForce(client, clock, requests);
   }
-  const Answer answer = call(client);
-  return answer ? show(answer, asJSON) : reportUnreachable(client);
+  const Reply reply = call(client);
+  return reply ? show(reply, asJSON) : reportUnreachable(client);
 }
 
 /// An operand, which is the helper's to refuse, and no option.

@@ -62,7 +62,7 @@ int fileFailed(const std::string& path, int error) {
   return failed(path + ": " + std::strerror(error));
 }
 
-template <typename Number>
+template <class Number>
 std::optional<Number> parseNumber(std::string_view text, int base = 10) {
   Number number{};
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
@@ -89,7 +89,7 @@ int editKey(std::string_view name, const std::function<std::string(SMCMachine&, 
   if (const int error = file.open(path, SMCFile::Access::change); error != 0) {
     return fileFailed(path, error);
   }
-  Key* key = file.machine.find(fourCharCode(name));
+  Key* key = file.machine.find(fourCC(name));
   if (key == nullptr) return failed("no key " + std::string(name));
   if (const std::string why = edit(file.machine, *key); !why.empty()) return failed(why);
   const int error = file.save();
@@ -98,7 +98,7 @@ int editKey(std::string_view name, const std::function<std::string(SMCMachine&, 
 
 int create(const Arguments& options) {
   unsigned fanCount = 2;
-  FourCharCode speedType = typeFlt;
+  FourCC speedType = typeFLT;
   for (std::size_t i = 0; i < options.size(); i += 2) {
     const std::string_view value = i + 1 < options.size() ? options[i + 1] : "";
     if (options[i] == "--fans") {
@@ -107,7 +107,7 @@ int create(const Arguments& options) {
       fanCount = *number;
     } else if (options[i] == "--speed-type") {
       if (value != "flt" && value != "fpe2") return misused("--speed-type takes flt or fpe2");
-      speedType = value == "flt" ? typeFlt : typeFpe2;
+      speedType = value == "flt" ? typeFLT : typeFPE2;
     } else {
       return misused("create does not know " + std::string(options[i]));
     }
@@ -116,7 +116,7 @@ int create(const Arguments& options) {
   const int error = SMCFile::create(path, SMCMachine::fresh(fanCount, speedType));
   if (error != 0) return failed(path + ": " + std::strerror(error));
   std::printf("made %s: fans %u, speeds %s\n", path.c_str(), fanCount,
-              speedType == typeFlt ? "flt" : "fpe2");
+              speedType == typeFLT ? "flt" : "fpe2");
   return exitDone;
 }
 
@@ -135,11 +135,11 @@ void showFan(const SMCMachine& machine, unsigned fan, std::chrono::nanoseconds n
 
 void showMachine(const SMCMachine& machine, std::chrono::nanoseconds now) {
   std::printf("Fan    Actual   Target  Minimum  Maximum  Mode\n");
-  std::set<FourCharCode> shown;
+  std::set<FourCC> shown;
   for (unsigned fan = 0; fan < SMCMachine::fanCountMax; ++fan) {
     bool isThere = false;
     for (const char* suffix : {"Ac", "Tg", "Mn", "Mx", "Md"}) {
-      const FourCharCode code = fanKey(fan, suffix);
+      const FourCC code = fanKey(fan, suffix);
       shown.insert(code);
       isThere = isThere || machine.find(code) != nullptr;
     }

@@ -22,7 +22,7 @@ class World {
   /// Whether a situation comes up now: never in this phase, or once in a number of times that is
   /// drawn too, and is a multiple of `least`.
   bool happens(const std::string& situation, unsigned least);
-  template <typename T>
+  template <class T>
   T pick(std::initializer_list<T> from) {
     return from.begin()[below(from.size())];
   }

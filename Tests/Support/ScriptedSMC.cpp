@@ -35,8 +35,8 @@ struct ScriptedClient final : iokit::UserClient {
   }
 };
 
-std::vector<iokit::Service> iokit::publishedServices() {
-  std::vector<Service> services;
+std::vector<iokit::ServiceDescription> iokit::publishedServices() {
+  std::vector<ServiceDescription> services;
   for (const std::string& name : machine().serviceNames) {
     const auto open = [name](std::uint32_t, std::unique_ptr<UserClient>& client) {
       client = std::make_unique<ScriptedClient>();

@@ -15,13 +15,13 @@
 namespace quorvane {
 namespace {
 
-/// What becomes of one call: an answer, or why there is none, or neither for a malformed one. Its
+/// What becomes of one call: a reply, or why there is none, or neither for a malformed one. Its
 /// caller may have given up by then, so the blocks share it.
-template <class Answer>
+template <class Reply>
 struct Pending {
-  void settle(std::optional<Answer> given, NSError* _Nullable reason) {
+  void settle(std::optional<Reply> given, NSError* _Nullable reason) {
     if (isSettled.test_and_set()) return;
-    answer = std::move(given);
+    reply = std::move(given);
     error = reason;
     dispatch_semaphore_signal(settled);
   }
@@ -30,7 +30,7 @@ struct Pending {
   }
 
   // To be read after a wait that did not time out.
-  std::optional<Answer> answer;
+  std::optional<Reply> reply;
   NSError* _Nullable error = nil;
 
  private:
@@ -38,8 +38,8 @@ struct Pending {
   dispatch_semaphore_t _Nonnull const settled = dispatch_semaphore_create(0);
 };
 
-template <class Answer>
-using PendingRef = std::shared_ptr<Pending<Answer>>;
+template <class Reply>
+using PendingRef = std::shared_ptr<Pending<Reply>>;
 
 OutcomeBlock _Nonnull settling(const PendingRef<Outcome>& call) {
   const PendingRef<Outcome> pending = call;  // a block would capture the reference
@@ -76,11 +76,11 @@ class FanControlClient::Implementation {
   }
 
   /// `send` sends one message to the helper, and has its reply settle the call.
-  template <class Answer, class Send>
-  std::optional<Answer> call(const Send& send) {
+  template <class Reply, class Send>
+  std::optional<Reply> call(const Send& send) {
     @autoreleasepool {
       if (connection == nil || *isOver) connect();
-      const auto pending = std::make_shared<Pending<Answer>>();
+      const auto pending = std::make_shared<Pending<Reply>>();
       send([connection remoteObjectProxyWithErrorHandler:^(NSError* _Nonnull reason) {
              pending->settle(std::nullopt, reason);
            }],
@@ -90,9 +90,9 @@ class FanControlClient::Implementation {
                     " seconds");
       }
       if (pending->error != nil) return fail(reasonOf(pending->error));
-      if (!pending->answer) return fail("the helper's answer is malformed");
+      if (!pending->reply) return fail("the helper's answer is malformed");
       hasAnswered = true;
-      return std::move(pending->answer);
+      return std::move(pending->reply);
     }
   }
 

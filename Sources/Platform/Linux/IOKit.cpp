@@ -9,6 +9,7 @@
 #include <variant>
 
 #include "Platform/Linux/IOKitRegistry.h"
+#include "Platform/NoDestructor.h"
 
 // The class name is all that a matching dictionary holds here.
 struct __CFDictionary {  // NOLINT(bugprone-reserved-identifier): the platform's own name
@@ -18,16 +19,16 @@ struct __CFDictionary {  // NOLINT(bugprone-reserved-identifier): the platform's
 namespace quorvane::iokit {
 namespace {
 
-using ServiceRef = std::shared_ptr<const Service>;
+using ServiceRef = std::shared_ptr<const ServiceDescription>;
 using Iterator = std::deque<ServiceRef>;
 
-struct Connection {
+struct OpenClient {
   std::mutex turn;
   std::unique_ptr<UserClient> client;
 };
-using ConnectionRef = std::shared_ptr<Connection>;
+using OpenClientRef = std::shared_ptr<OpenClient>;
 
-using Object = std::variant<ServiceRef, Iterator, ConnectionRef>;
+using Object = std::variant<ServiceRef, Iterator, OpenClientRef>;
 
 struct Registry {
   std::mutex mutex;
@@ -36,9 +37,8 @@ struct Registry {
 };
 
 Registry& registry() {
-  // Never freed: threads may still use their handles while the process exits.
-  static Registry& instance = *new Registry;
-  return instance;
+  static const NoDestructor<Registry> instance;
+  return *instance;
 }
 
 mach_port_t addLocked(Registry& all, Object object) {
@@ -57,7 +57,7 @@ mach_port_t add(Object object) {
 }
 
 /// The object of that kind behind the handle, or null.
-template <typename Ref>
+template <class Ref>
 Ref find(mach_port_t handle) {
   Registry& all = registry();
   const std::lock_guard lock(all.mutex);
@@ -112,9 +112,9 @@ kern_return_t IOServiceGetMatchingServices(mach_port_t /*mainPort*/, CFDictionar
   const std::unique_ptr<const __CFDictionary> consumed(matching);
   if (consumed == nullptr || existing == nullptr) return kIOReturnBadArgument;
   Iterator services;
-  for (Service& service : publishedServices()) {
+  for (ServiceDescription& service : publishedServices()) {
     if (service.className != consumed->className) continue;
-    services.push_back(std::make_shared<const Service>(std::move(service)));
+    services.push_back(std::make_shared<const ServiceDescription>(std::move(service)));
   }
   *existing = add(std::move(services));
   return KERN_SUCCESS;
@@ -137,7 +137,7 @@ kern_return_t IOServiceOpen(io_service_t service, task_port_t /*owningTask*/, ui
                             io_connect_t* connect) {
   const ServiceRef found = find<ServiceRef>(service);
   if (found == nullptr || connect == nullptr) return kIOReturnBadArgument;
-  const auto connection = std::make_shared<Connection>();
+  const auto connection = std::make_shared<OpenClient>();
   const kern_return_t status = found->open(type, connection->client);
   if (status != KERN_SUCCESS) return status;
   if (connection->client == nullptr) return kIOReturnError;
@@ -150,14 +150,14 @@ kern_return_t IOObjectRelease(io_object_t object) {
 }
 
 kern_return_t IOServiceClose(io_connect_t connect) {
-  if (find<ConnectionRef>(connect) == nullptr) return kIOReturnNotOpen;
+  if (find<OpenClientRef>(connect) == nullptr) return kIOReturnNotOpen;
   return release(connect);
 }
 
 kern_return_t IOConnectCallStructMethod(mach_port_t connection, uint32_t selector,
                                         const void* inputStruct, size_t inputStructCnt,
                                         void* outputStruct, size_t* outputStructCnt) {
-  const ConnectionRef found = find<ConnectionRef>(connection);
+  const OpenClientRef found = find<OpenClientRef>(connection);
   if (found == nullptr) return kIOReturnNotOpen;
   const std::lock_guard turn(found->turn);
   return found->client->callStructMethod(selector, inputStruct, inputStructCnt, outputStruct,

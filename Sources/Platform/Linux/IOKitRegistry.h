@@ -27,7 +27,7 @@ class UserClient {
 };
 
 /// A service in the registry, as its driver describes it.
-struct Service {
+struct ServiceDescription {
   std::string className;
   /// Nothing makes IORegistryEntryGetName fail.
   std::optional<std::string> name;
@@ -36,7 +36,7 @@ struct Service {
 };
 
 /// The services there are now, in the order in which an iterator hands them out. Link-time seam.
-std::vector<Service> publishedServices();
+std::vector<ServiceDescription> publishedServices();
 
 /// How many references to registry objects (services, iterators, open connections) are held; for
 /// tests.

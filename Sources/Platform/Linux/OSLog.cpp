@@ -21,6 +21,7 @@
 
 #include "Platform/File.h"
 #include "Platform/Linux/Socket.h"
+#include "Platform/NoDestructor.h"
 #include "Platform/SystemPath.h"
 #include "Platform/UTF8.h"
 
@@ -110,11 +111,10 @@ void writeToStandardError(std::string_view line) {
 
 os_log_t os_log_create(const char* subsystem, const char* category) {
   quorvane::fillStandardDescriptors();
-  // Never freed: a log lives until the process ends, and threads may use it until then.
-  static std::mutex& mutex = *new std::mutex;
-  static auto& logs = *new std::deque<os_log_s>;
-  const std::lock_guard lock(mutex);
-  return &logs.emplace_back(os_log_s{subsystem, category});
+  static const quorvane::NoDestructor<std::mutex> mutex;
+  static const quorvane::NoDestructor<std::deque<os_log_s>> logs;
+  const std::lock_guard lock(*mutex);
+  return &logs->emplace_back(os_log_s{subsystem, category});
 }
 
 void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...) {

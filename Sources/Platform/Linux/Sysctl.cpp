@@ -2,12 +2,12 @@
 // others.
 #include <fcntl.h>
 #include <sys/sysctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -23,19 +23,15 @@ namespace {
 constexpr std::size_t maxModelBytes = 4096;
 
 /// The file's text without the line feed that sysfs adds and the NUL that the device tree adds;
-/// empty when there is none. One read(2) yields the whole of such a file.
+/// empty when there is none.
 std::string readFirmwareText(std::string_view path) {
   const Descriptor file = openFile(systemPath(path), O_RDONLY);
   if (!file) return {};
-  std::array<char, maxModelBytes> buffer{};
-  ssize_t count = 0;
-  do {
-    count = read(file.get(), buffer.data(), buffer.size());
-  } while (count < 0 && errno == EINTR);
-
-  std::string_view text(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+  std::array<std::uint8_t, maxModelBytes> buffer{};
+  std::string text(buffer.begin(), buffer.begin() + readAt(file.get(), buffer, 0));
   constexpr std::string_view padding("\n\0", 2);
-  return std::string(text.substr(0, text.find_last_not_of(padding) + 1));
+  text.resize(text.find_last_not_of(padding) + 1);
+  return text;
 }
 
 std::string machineModel() {

@@ -1,7 +1,6 @@
 #include "Platform/Linux/Channel/Gatekeeper.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -69,14 +68,11 @@ pid_t startGatekeeper(const Peer& peer, std::string requirement) {
   return hasRun ? child : 0;
 }
 
-/// Whether the process ends before the deadline.
-bool endsBefore(Deadline deadline, pid_t process) {
+bool endsBefore(Deadline deadline, pid_t child) {
   using std::chrono::milliseconds;
-  const Descriptor ending = openPidfd(process);
-  const auto left =
-      std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-  pollfd waited{ending.get(), POLLIN, 0};
-  return left > 0 && ending && poll(&waited, 1, static_cast<int>(left)) == 1;
+  const Descriptor process = openPidfd(child);
+  const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+  return process && left > milliseconds(0) && waitForEnd(process, left);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include "Platform/Dispatch.h"
+#include "Platform/NoDestructor.h"
 
 namespace quorvane::xpc {
 namespace {
@@ -19,9 +20,9 @@ struct IsolatedThread {
 }  // namespace
 
 bool runIsolated(const std::function<void()>& block) {
-  static const auto& thread = *new IsolatedThread;  // never freed: used while exiting
-  if (thread.isIsolated) thread.queue.sync(block);
-  return thread.isIsolated;
+  static const NoDestructor<IsolatedThread> thread;
+  if (thread->isIsolated) thread->queue.sync(block);
+  return thread->isIsolated;
 }
 
 }  // namespace quorvane::xpc

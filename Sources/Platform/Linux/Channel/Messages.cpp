@@ -1,6 +1,8 @@
 #include "Platform/Linux/Channel/Messages.h"
 
 #include <algorithm>
+#include <cassert>
+#include <limits>
 #include <utility>
 
 #include "Platform/UTF8.h"
@@ -11,8 +13,6 @@ namespace {
 constexpr std::uint8_t protocolVersion = 2;
 /// A message that belongs to no call bears this number.
 constexpr std::uint32_t noCall = 0;
-
-enum class Opcode : std::uint8_t { writeFanKey = 1, restoreAuto, status, ping };
 
 class Writer {
  public:
@@ -30,6 +30,7 @@ class Writer {
   }
   void boolean(bool value) { integer(static_cast<std::uint8_t>(value ? 1 : 0)); }
   void text(std::string_view value) {
+    assert(value.size() <= std::numeric_limits<std::uint16_t>::max());
     integer(static_cast<std::uint16_t>(value.size()));
     bytes.append(value);
   }
@@ -98,23 +99,24 @@ class Reader {
 };
 
 Operation readOperation(Reader& reader) {
-  switch (Opcode{reader.integer<std::uint8_t>()}) {
-    case Opcode::writeFanKey: {
+  switch (reader.integer<std::uint8_t>()) {
+    case WriteFanKeyRequest::opcode: {
       WriteFanKeyRequest request;
       request.value = static_cast<std::int64_t>(reader.integer<std::uint64_t>());
       request.isFloat = reader.boolean();
       request.key = reader.optionalText().value_or("");
       return request;
     }
-    case Opcode::restoreAuto:
+    case RestoreAutoRequest::opcode:
       return RestoreAutoRequest();
-    case Opcode::status:
+    case StatusRequest::opcode:
       return StatusRequest();
-    case Opcode::ping:
+    case PingRequest::opcode:
       return PingRequest();
+    default:
+      reader.require(false);
+      return {};
   }
-  reader.require(false);
-  return {};
 }
 
 void read(Reader& reader, Outcome& outcome) {
@@ -154,7 +156,7 @@ std::optional<Nonce> decodeNonce(MessageKind kind, std::string_view message) {
 
 std::string encodeRequest(std::uint32_t callNumber, const Operation& operation) {
   Writer writer(MessageKind::request, callNumber);
-  writer.integer(static_cast<std::uint8_t>(operation.index() + 1));
+  writer.integer(std::visit([](const auto& request) { return request.opcode; }, operation));
   if (const auto* write = std::get_if<WriteFanKeyRequest>(&operation)) {
     writer.integer(static_cast<std::uint64_t>(write->value));
     writer.boolean(write->isFloat);
@@ -171,6 +173,7 @@ std::string encodeReply(std::uint32_t callNumber, const Outcome& outcome) {
 }
 
 std::string encodeReply(std::uint32_t callNumber, const StatusReport& report) {
+  assert(report.size() <= std::numeric_limits<std::uint8_t>::max());
   Writer writer(MessageKind::reply, callNumber);
   writer.integer(static_cast<std::uint8_t>(report.size()));
   for (const auto& [key, value] : report) {

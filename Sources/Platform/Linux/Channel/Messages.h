@@ -42,15 +42,21 @@ enum class MessageKind : std::uint8_t { challenge = 1, response, request, reply 
 using Nonce = std::array<std::uint8_t, 32>;
 
 struct WriteFanKeyRequest {
+  static constexpr std::uint8_t opcode = 1;
   std::string key;
   std::int64_t value = 0;
   bool isFloat = false;
 };
-struct RestoreAutoRequest {};
-struct StatusRequest {};
-struct PingRequest {};
+struct RestoreAutoRequest {
+  static constexpr std::uint8_t opcode = 2;
+};
+struct StatusRequest {
+  static constexpr std::uint8_t opcode = 3;
+};
+struct PingRequest {
+  static constexpr std::uint8_t opcode = 4;
+};
 
-/// The opcode is the index of the alternative, counted from 1.
 using Operation = std::variant<WriteFanKeyRequest, RestoreAutoRequest, StatusRequest, PingRequest>;
 
 struct Request {
@@ -62,7 +68,7 @@ struct Request {
 std::string encodeNonce(MessageKind kind, const Nonce& nonce);
 std::optional<Nonce> decodeNonce(MessageKind kind, std::string_view message);
 
-/// REQUIRES of the encoders: no text is longer than 65,535 bytes, and a status report has at most
+/// REQUIRES: no text is longer than 65,535 bytes, and a status report has at most
 /// 255 entries. The sender and the receiver keep the bounds above.
 std::string encodeRequest(std::uint32_t callNumber, const Operation& operation);
 std::string encodeReply(std::uint32_t callNumber, const Outcome& outcome);

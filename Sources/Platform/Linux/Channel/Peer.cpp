@@ -27,6 +27,12 @@ Descriptor openPidfd(pid_t process) {
   return Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));  // close-on-exec
 }
 
+bool waitForEnd(const Descriptor& process, std::chrono::milliseconds timeout) {
+  // A pidfd becomes readable when its process ends (pidfd_open(2)).
+  pollfd ending{process.get(), POLLIN, 0};
+  return poll(&ending, 1, static_cast<int>(timeout.count())) == 1;
+}
+
 Peer::Peer(int socket) {
   const auto credentials = credentialsOfPeer(socket);
   if (!credentials) return;
@@ -35,10 +41,7 @@ Peer::Peer(int socket) {
 }
 
 bool Peer::hasSent(pid_t sender) const {
-  if (sender != pid || !process) return false;
-  // A pidfd becomes readable when its process ends (pidfd_open(2)).
-  pollfd ending{process.get(), POLLIN, 0};
-  return poll(&ending, 1, 0) == 0;
+  return sender == pid && process && !waitForEnd(process, std::chrono::milliseconds(0));
 }
 
 }  // namespace quorvane::xpc

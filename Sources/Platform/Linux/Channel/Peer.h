@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <optional>
 
 #include "Platform/File.h"
@@ -15,6 +16,9 @@ std::optional<uid_t> userOfPeer(int socket);
 
 /// A pidfd of the process; none when there is no such process.
 Descriptor openPidfd(pid_t process);
+
+/// Waits for the end of the process behind a pidfd. False when the time is over before that.
+bool waitForEnd(const Descriptor& process, std::chrono::milliseconds timeout);
 
 class Peer {
  public:

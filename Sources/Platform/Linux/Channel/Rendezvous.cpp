@@ -16,6 +16,7 @@
 #include "Platform/File.h"
 #include "Platform/Linux/Channel/Isolation.h"
 #include "Platform/Linux/Socket.h"
+#include "Platform/NoDestructor.h"
 #include "Platform/XPC.h"
 
 namespace quorvane::xpc {
@@ -68,14 +69,13 @@ std::optional<Obstacle> takeLock(const std::string& name, Descriptor& lock) {
 /// Holds the lock of the name until the process ends; again does nothing. The descriptor belongs to
 /// the isolated thread: nothing that could get stuck holds the lock.
 std::optional<Obstacle> holdLock(const std::string& name) {
-  // Never freed: there is no need to, and nothing then depends on the order of destruction.
-  static auto& held = *new std::map<std::string, Descriptor>;
-  if (held.contains(name)) return std::nullopt;
+  static const NoDestructor<std::map<std::string, Descriptor>> held;
+  if (held->contains(name)) return std::nullopt;
   std::optional<Obstacle> found;
   const bool hasRun = runIsolated([&] {
     Descriptor lock;
     found = takeLock(name, lock);
-    if (!found) held.emplace(name, std::move(lock));
+    if (!found) held->emplace(name, std::move(lock));
   });
   return hasRun ? found : obstacle("cannot hold the lock of ", name);
 }

@@ -16,7 +16,7 @@
 namespace quorvane::codesigning {
 
 /// Owns an object of libcrypto, which `release` frees: an integral_constant calls what it holds.
-template <typename Object, auto release>
+template <class Object, auto release>
 using OpenSSLPointer = std::unique_ptr<Object, std::integral_constant<decltype(release), release>>;
 
 using SignedData = OpenSSLPointer<CMS_ContentInfo, CMS_ContentInfo_free>;

@@ -47,14 +47,14 @@ class Evaluation {
     }
     if (accept("certificate")) {
       for (const char* next : {"leaf", "[", "subject.OU", "]", "="}) expect(next);
-      return isNext(identity.leafOrganizationalUnit);
+      return takeString(identity.leafOrganizationalUnit);
     }
     expect("identifier");
-    return isNext(identity.identifier);
+    return takeString(identity.identifier);
   }
 
-  /// Takes a string and compares it.
-  bool isNext(const std::optional<std::string>& value) {
+  /// Takes the next token, which must be a string. Whether it is this one.
+  bool takeString(const std::optional<std::string>& value) {
     const bool isString = token.size() >= 2 && token.front() == '"';
     isMalformed = isMalformed || !isString;
     const bool isEqual = isString && value == token.substr(1, token.size() - 2);

@@ -9,6 +9,7 @@
 #include "Platform/Linux/Dispatch/DispatchTime.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/Dispatch/SerialQueue.h"
+#include "Platform/NoDestructor.h"
 
 using namespace quorvane::dispatch;
 
@@ -50,8 +51,8 @@ dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t 
 }
 
 dispatch_queue_main_t dispatch_get_main_queue() {
-  static SerialQueue& queue = *new SerialQueue("main");  // never freed: used while exiting
-  return &queue;
+  static const quorvane::NoDestructor<SerialQueue> queue("main");
+  return &*queue;
 }
 
 void dispatch_main() {

@@ -60,8 +60,8 @@ void EventSource::finish() {
 }
 
 EventLoop& EventLoop::shared() {
-  static EventLoop& loop = *new EventLoop;
-  return loop;
+  static const NoDestructor<EventLoop> loop;
+  return *loop;
 }
 
 EventLoop::EventLoop()
@@ -88,7 +88,7 @@ void EventLoop::watch(int descriptor) const {
 }
 
 void EventLoop::add(EventSource& source) {
-  const std::scoped_lock lock(mutex);
+  const std::lock_guard lock(mutex);
   if (source.signal != 0) {
     signalSources.push_back(&source);
     sigaddset(&watchedSignals, source.signal);
@@ -100,7 +100,7 @@ void EventLoop::add(EventSource& source) {
 }
 
 void EventLoop::cancel(EventSource& source) {
-  const std::scoped_lock lock(mutex);
+  const std::lock_guard lock(mutex);
   source.cancelled = true;
   std::erase(signalSources, &source);
   const auto isOwn = [&source](const auto& entry) { return entry.second == &source; };
@@ -123,7 +123,7 @@ void EventLoop::run() {
 }
 
 void EventLoop::fireTimers() {
-  const std::scoped_lock lock(mutex);
+  const std::lock_guard lock(mutex);
   const auto due = timers.upper_bound(nowNanoseconds());
   for (auto entry = timers.begin(); entry != due; ++entry) entry->second->fire();
   timers.erase(timers.begin(), due);
@@ -131,7 +131,7 @@ void EventLoop::fireTimers() {
 }
 
 void EventLoop::fireSignals() {
-  const std::scoped_lock lock(mutex);
+  const std::lock_guard lock(mutex);
   signalfd_siginfo delivery{};
   while (read(signals, &delivery, sizeof delivery) == sizeof delivery) {
     for (EventSource* source : signalSources) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Platform/Linux/Dispatch/SerialQueue.h"
+#include "Platform/NoDestructor.h"
 
 namespace quorvane::dispatch {
 
@@ -50,8 +51,7 @@ class EventSource final : public dispatch_source_s {
 
 class EventLoop {
  public:
-  /// Started by the first call for it, or the process ends. Never freed: threads use it while the
-  /// process exits.
+  /// Started by the first call for it, or the process ends.
   static EventLoop& shared();
 
   EventLoop(const EventLoop&) = delete;
@@ -64,6 +64,7 @@ class EventLoop {
   void cancel(EventSource& source);
 
  private:
+  friend class NoDestructor<EventLoop>;
   EventLoop();
   ~EventLoop() = delete;
   void watch(int descriptor) const;

@@ -26,7 +26,7 @@ struct SyncCall {
   static void run(void* context) {
     auto& call = *static_cast<SyncCall*>(context);
     call.block.work(call.block.context);
-    const std::scoped_lock lock(call.mutex);
+    const std::lock_guard lock(call.mutex);
     call.hasRun = true;
     call.done.notify_one();
   }
@@ -66,7 +66,7 @@ SerialQueue* SerialQueue::createWithThread(const char* name) {
 }
 
 void SerialQueue::async(Block block) {
-  const std::scoped_lock lock(mutex);
+  const std::lock_guard lock(mutex);
   blocks.push_back(block);
   changed.notify_one();
 }
@@ -80,18 +80,18 @@ void SerialQueue::sync(Block block) {
 }
 
 void SerialQueue::suspend() {
-  const std::scoped_lock lock(mutex);
+  const std::lock_guard lock(mutex);
   suspended = true;
 }
 
 void SerialQueue::retain() {
-  const std::scoped_lock lock(mutex);
+  const std::lock_guard lock(mutex);
   ++references;
 }
 
 void SerialQueue::release() {
   // Told under the lock: without it the queue's thread could free the condition that is notified.
-  const std::scoped_lock lock(mutex);
+  const std::lock_guard lock(mutex);
   --references;
   changed.notify_one();
 }

@@ -16,12 +16,12 @@ namespace {
 constexpr const char* smcClass = "AppleSMC";
 
 /// A Mac has several services of the class, of which the helper may take one only.
-Service decoy() {
+ServiceDescription decoy() {
   return {smcClass, "AppleSMCSensorEndpoint",
           [](std::uint32_t, std::unique_ptr<UserClient>&) { return kIOReturnNotPrivileged; }};
 }
 
-Service keysEndpoint(const std::function<std::unique_ptr<UserClient>()>& makeClient) {
+ServiceDescription keysEndpoint(const std::function<std::unique_ptr<UserClient>()>& makeClient) {
   return {smcClass, "AppleSMCKeysEndpoint",
           [makeClient](std::uint32_t type, std::unique_ptr<UserClient>& client) {
             if (type != 0) return kIOReturnBadArgument;
@@ -32,7 +32,7 @@ Service keysEndpoint(const std::function<std::unique_ptr<UserClient>()>& makeCli
 
 }  // namespace
 
-std::vector<Service> publishedServices() {
+std::vector<ServiceDescription> publishedServices() {
   if (hwmon::findDevice()) {
     return {decoy(),
             keysEndpoint([] { return std::make_unique<hwmon::HwmonSMC>(hwmon::findDevice); })};

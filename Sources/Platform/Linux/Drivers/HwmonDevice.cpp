@@ -22,7 +22,7 @@ constexpr std::string_view entryPrefix = "hwmon";
 /// More than the longest text that is of use here, a device's name; the kernel allows a page.
 constexpr std::size_t textSizeMax = 64;
 
-template <typename Call>
+template <class Call>
 auto untilUninterrupted(Call call) {
   while (true) {
     const auto result = call();

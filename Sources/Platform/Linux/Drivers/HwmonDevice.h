@@ -15,19 +15,19 @@ namespace quorvane::hwmon {
 
 /// What tells the two kernel drivers apart. Their fans count from 1, speeds are decimal rpm, and
 /// the files "fan1_input" (the actual speed), "fan1_min" and "fan1_max" they have in common.
-struct Interface {
+struct KernelDriver {
   /// The whole text of the device's file "name".
   std::string_view device;
   /// The type in which speeds are offered, as the SMCs behind these drivers have them.
-  smc::FourCharCode speedType;
+  FourCC speedType;
   /// "fan1_" and this is the file that sets the target.
   std::string_view target;
   /// "fan1_" and this takes 0 (automatic) and 1 (manual). Empty where there is no such file: there
   /// a target enters manual mode, and a target of 0 leaves it.
   std::string_view mode;
 };
-inline constexpr Interface applesmc{"applesmc", smc::typeFpe2, "output", "manual"};
-inline constexpr Interface macsmc{"macsmc_hwmon", smc::typeFlt, "target", ""};
+inline constexpr KernelDriver applesmc{"applesmc", smc::typeFPE2, "output", "manual"};
+inline constexpr KernelDriver macsmc{"macsmc_hwmon", smc::typeFLT, "target", ""};
 
 struct Text {
   /// 0 or an errno value.
@@ -49,12 +49,12 @@ class Folder {
 };
 
 struct Device {
-  const Interface* interface = nullptr;
+  const KernelDriver* driver = nullptr;
   /// Once the device has gone its files stay missing, even if another takes its number.
   std::unique_ptr<Folder> folder;
 
   /// Whether it is still registered.
-  [[nodiscard]] bool isPresent() const { return folder->read("name").text == interface->device; }
+  [[nodiscard]] bool isPresent() const { return folder->read("name").text == driver->device; }
 };
 
 using DeviceFinder = std::function<std::optional<Device>()>;

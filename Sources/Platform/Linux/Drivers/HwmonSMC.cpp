@@ -12,9 +12,8 @@
 namespace quorvane::hwmon {
 namespace {
 
-using smc::Answer;
+using smc::CallResult;
 using smc::Command;
-using smc::fourCharCode;
 using smc::Record;
 
 // SMC results beyond those that all drivers share.
@@ -23,7 +22,7 @@ constexpr std::uint8_t resultInvalid = 137;
 constexpr std::uint8_t resultTimeout = 183;
 
 /// What a failed access to a file is answered with; `denied` when it was not allowed.
-Answer withError(int error, std::uint8_t denied) {
+CallResult withError(int error, std::uint8_t denied) {
   switch (error) {
     case 0:
       return {};
@@ -57,7 +56,7 @@ struct HwmonSMC::Key {
   unsigned fan = 0;
   /// What it is read from and written to.
   std::string file;
-  smc::KeyInfo info;
+  smc::KeyDescription info;
 };
 
 struct HwmonSMC::Number {
@@ -76,19 +75,19 @@ kern_return_t HwmonSMC::callStructMethod(std::uint32_t selector, const void* inp
                                          std::size_t* outputSize) {
   const auto request = smc::receive(selector, input, inputSize, output, outputSize);
   if (!request) return kIOReturnBadArgument;
-  if (!hasDevice()) return kIOReturnNoDevice;
+  if (!bindDevice()) return kIOReturnNoDevice;
   return smc::send(serve(*request), output, outputSize);
 }
 
 /// A driver that was loaded again starts with flags of its own, whatever the SMC's modes are.
-bool HwmonSMC::hasDevice() {
+bool HwmonSMC::bindDevice() {
   if (device && device->isPresent()) return true;
   device = find();
   handedBack.reset();
   return device.has_value();
 }
 
-Answer HwmonSMC::serve(const Record& request) {
+CallResult HwmonSMC::serve(const Record& request) {
   const std::optional<Key> key = keyOf(request.key);
   if (!key) return smc::withResult(smc::resultKeyMissing);
   if (request.command == Command::info) return smc::withInfo(key->info);
@@ -104,39 +103,37 @@ unsigned HwmonSMC::fanCount() const {
   return count;
 }
 
-std::optional<HwmonSMC::Key> HwmonSMC::keyOf(smc::FourCharCode code) const {
+std::optional<HwmonSMC::Key> HwmonSMC::keyOf(FourCC code) const {
   constexpr std::uint8_t readOnly = smc::attributeReadable;
   constexpr std::uint8_t writeOnly = smc::attributeWritable;
-  if (code == fourCharCode("FNum")) return Key{Kind::fanCount, 0, {}, smc::byteInfo(readOnly)};
+  if (code == fourCC("FNum")) return Key{Kind::fanCount, 0, {}, smc::byteKey(readOnly)};
 
   const std::uint32_t fan = (code >> 16 & 0xFF) - '0';  // below '0' it wraps, and is no fan
   if (code >> 24 != 'F' || fan >= fanCount()) return std::nullopt;
-  const Interface& driver = *device->interface;
-  const auto key = [&](Kind kind, std::string_view attribute, const smc::KeyInfo& info) {
+  const KernelDriver& driver = *device->driver;
+  const auto key = [&](Kind kind, std::string_view attribute, const smc::KeyDescription& info) {
     Key found{kind, fan, fileOf(fan, attribute), info};
     return device->folder->has(found.file) ? std::optional(std::move(found)) : std::nullopt;
   };
-  const smc::KeyInfo reading = smc::speedInfo(driver.speedType, readOnly);
+  const smc::KeyDescription reading = smc::speedKey(driver.speedType, readOnly);
   switch (code & 0xFFFF) {
-    case fourCharCode("Ac"):
+    case fourCC("Ac"):
       return key(Kind::speed, "input", reading);
-    case fourCharCode("Mn"):
+    case fourCC("Mn"):
       return key(Kind::speed, "min", reading);
-    case fourCharCode("Mx"):
+    case fourCC("Mx"):
       return key(Kind::speed, "max", reading);
-    case fourCharCode("Tg"):
-      return key(Kind::speed, driver.target,
-                 smc::speedInfo(driver.speedType, readOnly | writeOnly));
-    case fourCharCode("Md"):
-      return driver.mode.empty()
-                 ? key(Kind::mode, driver.target, smc::byteInfo(writeOnly))
-                 : key(Kind::mode, driver.mode, smc::byteInfo(readOnly | writeOnly));
+    case fourCC("Tg"):
+      return key(Kind::speed, driver.target, smc::speedKey(driver.speedType, readOnly | writeOnly));
+    case fourCC("Md"):
+      return driver.mode.empty() ? key(Kind::mode, driver.target, smc::byteKey(writeOnly))
+                                 : key(Kind::mode, driver.mode, smc::byteKey(readOnly | writeOnly));
     default:
       return std::nullopt;
   }
 }
 
-Answer HwmonSMC::read(const Key& key) const {
+CallResult HwmonSMC::read(const Key& key) const {
   if (key.kind == Kind::fanCount) return smc::withData({static_cast<std::uint8_t>(fanCount())});
   const Number found = number(key.file);
   if (found.error != 0) return withError(found.error, smc::resultNotReadable);
@@ -145,7 +142,7 @@ Answer HwmonSMC::read(const Key& key) const {
   return smc::withData({static_cast<std::uint8_t>(found.value)});
 }
 
-Answer HwmonSMC::write(const Key& key, const smc::Data& data) {
+CallResult HwmonSMC::write(const Key& key, const smc::Data& data) {
   if (key.kind == Kind::mode) {
     return withError(writeMode(key.fan, data[0]), smc::resultNotWritable);
   }
@@ -173,7 +170,7 @@ HwmonSMC::Limits HwmonSMC::limits(unsigned fan) const {
 
 int HwmonSMC::writeMode(unsigned fan, unsigned mode) {
   if (mode > 1) return EINVAL;
-  const Interface& driver = *device->interface;
+  const KernelDriver& driver = *device->driver;
   if (!driver.mode.empty()) {
     return device->folder->write(fileOf(fan, driver.mode), std::to_string(mode));
   }
@@ -185,7 +182,7 @@ int HwmonSMC::writeMode(unsigned fan, unsigned mode) {
 int HwmonSMC::writeTarget(unsigned fan, double rpm) {
   const Limits allowed = limits(fan);
   if (allowed.error != 0) return allowed.error;
-  const Interface& driver = *device->interface;
+  const KernelDriver& driver = *device->driver;
   const long target = std::lround(std::clamp<double>(rpm, allowed.low, allowed.high));
   // There a 0 would hand the fan back, and not stop it.
   if (driver.mode.empty() && target == 0) return EINVAL;
@@ -198,7 +195,7 @@ int HwmonSMC::writeTarget(unsigned fan, double rpm) {
 /// The driver leaves manual mode only if its own flag says manual. The flag starts as automatic,
 /// whatever the SMC's mode is, so the first release has to set it: by a target, the present one.
 int HwmonSMC::handBack(unsigned fan) {
-  const std::string target = fileOf(fan, device->interface->target);
+  const std::string target = fileOf(fan, device->driver->target);
   const auto leave = [&] { return device->folder->write(target, "0"); };
   if (handedBack[fan]) return leave();
 

@@ -44,12 +44,12 @@ class HwmonSMC final : public iokit::UserClient {
   struct Number;
   struct Limits;
 
-  bool hasDevice();
-  smc::Answer serve(const smc::Record& request);
+  bool bindDevice();
+  smc::CallResult serve(const smc::Record& request);
   [[nodiscard]] unsigned fanCount() const;
-  [[nodiscard]] std::optional<Key> keyOf(smc::FourCharCode code) const;
-  [[nodiscard]] smc::Answer read(const Key& key) const;
-  smc::Answer write(const Key& key, const smc::Data& data);
+  [[nodiscard]] std::optional<Key> keyOf(FourCC code) const;
+  [[nodiscard]] smc::CallResult read(const Key& key) const;
+  smc::CallResult write(const Key& key, const smc::Data& data);
 
   // All yield 0 or an errno value, in Number and Limits as a field. Fans count from 0.
   [[nodiscard]] Number number(const std::string& file) const;

@@ -1,8 +1,10 @@
 #include "Platform/Linux/Drivers/SMCCall.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 namespace quorvane::smc {
 namespace {
@@ -11,16 +13,17 @@ constexpr std::uint32_t structMethodSelector = 2;
 
 }  // namespace
 
-std::optional<double> decodeSpeed(FourCharCode type, const Data& data) {
-  if (type == typeFpe2) return (data[0] * 256 + data[1]) / 4.0;
+std::optional<double> decodeSpeed(FourCC type, const Data& data) {
+  if (type == typeFPE2) return (data[0] * 256 + data[1]) / 4.0;
   float speed = 0;
   std::memcpy(&speed, data.data(), sizeof speed);
   return std::isfinite(speed) ? std::optional<double>(speed) : std::nullopt;
 }
 
-Data encodeSpeed(FourCharCode type, double speed) {
+Data encodeSpeed(FourCC type, double speed) {
+  assert(std::abs(speed) <= std::numeric_limits<float>::max());
   Data data{};
-  if (type == typeFlt) {
+  if (type == typeFLT) {
     const auto single = static_cast<float>(speed);
     std::memcpy(data.data(), &single, sizeof single);
     return data;
@@ -32,24 +35,24 @@ Data encodeSpeed(FourCharCode type, double speed) {
   return data;
 }
 
-Answer withStatus(kern_return_t status) {
+CallResult withStatus(kern_return_t status) {
   return {.status = status, .reply = {}};
 }
 
-Answer withResult(std::uint8_t result) {
+CallResult withResult(std::uint8_t result) {
   return {.status = KERN_SUCCESS, .reply = {.result = result}};
 }
 
-Answer withInfo(const KeyInfo& info) {
+CallResult withInfo(const KeyDescription& info) {
   return {.status = KERN_SUCCESS,
           .reply = {.size = info.size, .type = info.type, .attributes = info.attributes}};
 }
 
-Answer withData(const Data& data) {
+CallResult withData(const Data& data) {
   return {.status = KERN_SUCCESS, .reply = {.data = data}};
 }
 
-std::uint8_t refusal(const Record& request, const KeyInfo& key) {
+std::uint8_t refusal(const Record& request, const KeyDescription& key) {
   if (request.size != key.size || request.type != key.type) return resultMismatch;
   const bool reads = request.command == Command::read;
   if ((key.attributes & (reads ? attributeReadable : attributeWritable)) != 0) return 0;
@@ -71,7 +74,7 @@ std::optional<Record> receive(std::uint32_t selector, const void* input, std::si
   return request;
 }
 
-kern_return_t send(const Answer& answer, void* output, std::size_t* outputSize) {
+kern_return_t send(const CallResult& answer, void* output, std::size_t* outputSize) {
   if (answer.status != KERN_SUCCESS) return answer.status;
   std::memcpy(output, &answer.reply, sizeof answer.reply);
   *outputSize = sizeof answer.reply;

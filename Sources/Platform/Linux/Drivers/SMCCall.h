@@ -12,21 +12,13 @@
 #include <optional>
 #include <string_view>
 
+#include "Platform/FourCC.h"
+
 namespace quorvane::smc {
 
-/// A key or type name as a number, its first character in the most significant byte. Of a longer
-/// name the last four count: the keys of fan 10 ("F10Ac") are those of the name "10Ac".
-using FourCharCode = std::uint32_t;
-
-constexpr FourCharCode fourCharCode(std::string_view name) {
-  FourCharCode code = 0;
-  for (const char c : name) code = (code << 8) | static_cast<std::uint8_t>(c);
-  return code;
-}
-
-inline constexpr FourCharCode typeFlt = fourCharCode("flt ");   // IEEE single, little-endian
-inline constexpr FourCharCode typeFpe2 = fourCharCode("fpe2");  // quarters, 16 bits, big-endian
-inline constexpr FourCharCode typeUi8 = fourCharCode("ui8 ");
+inline constexpr FourCC typeFLT = fourCC("flt ");   // IEEE single, little-endian
+inline constexpr FourCC typeFPE2 = fourCC("fpe2");  // quarters, 16 bits, big-endian
+inline constexpr FourCC typeUI8 = fourCC("ui8 ");
 
 /// The attribute bits that the drivers look at, by our choice; a key with both has 192.
 inline constexpr std::uint8_t attributeReadable = 0x80;
@@ -36,24 +28,24 @@ inline constexpr std::uint8_t attributeWritable = 0x40;
 inline constexpr std::size_t dataSizeMax = 32;
 using Data = std::array<std::uint8_t, dataSizeMax>;
 
-struct KeyInfo {
+struct KeyDescription {
   std::uint32_t size = 0;
-  FourCharCode type = 0;
+  FourCC type = 0;
   std::uint8_t attributes = 0;
 };
 
-constexpr KeyInfo byteInfo(std::uint8_t attributes) {
-  return {1, typeUi8, attributes};
+constexpr KeyDescription byteKey(std::uint8_t attributes) {
+  return {1, typeUI8, attributes};
 }
-/// `type` is typeFlt or typeFpe2.
-constexpr KeyInfo speedInfo(FourCharCode type, std::uint8_t attributes) {
-  return {type == typeFlt ? 4U : 2U, type, attributes};
+/// `type` is typeFLT or typeFPE2.
+constexpr KeyDescription speedKey(FourCC type, std::uint8_t attributes) {
+  return {type == typeFLT ? 4U : 2U, type, attributes};
 }
 
-/// The speed in a key's bytes; nothing when it is not finite. `type` is typeFlt or typeFpe2.
-std::optional<double> decodeSpeed(FourCharCode type, const Data& data);
-/// REQUIRES: the speed is within the range of a float. typeFpe2 saturates.
-Data encodeSpeed(FourCharCode type, double speed);
+/// The speed in a key's bytes; nothing when it is not finite. `type` is typeFLT or typeFPE2.
+std::optional<double> decodeSpeed(FourCC type, const Data& data);
+/// REQUIRES: the speed is within the range of a float. typeFPE2 saturates.
+Data encodeSpeed(FourCC type, double speed);
 
 enum class Command : std::uint8_t { read = 5, write = 6, info = 9 };
 
@@ -65,10 +57,10 @@ inline constexpr std::uint8_t resultMismatch = 135;
 
 /// The parameter record. What is unused here is ignored in a request and zero in a reply.
 struct Record {
-  FourCharCode key = 0;
+  FourCC key = 0;
   std::array<std::uint8_t, 24> unused1{};
   std::uint32_t size = 0;
-  FourCharCode type = 0;
+  FourCC type = 0;
   std::uint8_t attributes = 0;
   std::array<std::uint8_t, 3> unused2{};
   std::uint8_t result = 0;
@@ -80,21 +72,21 @@ struct Record {
 static_assert(sizeof(Record) == 80 && std::endian::native == std::endian::little);
 
 /// What a call returns, and the record that goes with KERN_SUCCESS.
-struct Answer {
+struct CallResult {
   kern_return_t status = KERN_SUCCESS;
   Record reply;
 
   [[nodiscard]] bool isSuccess() const { return status == KERN_SUCCESS && reply.result == 0; }
 };
 
-Answer withStatus(kern_return_t status);
-Answer withResult(std::uint8_t result);
-Answer withInfo(const KeyInfo& info);
-Answer withData(const Data& data);
+CallResult withStatus(kern_return_t status);
+CallResult withResult(std::uint8_t result);
+CallResult withInfo(const KeyDescription& info);
+CallResult withData(const Data& data);
 
 /// Why a read or write is refused of the key that is described so: quoted with another size or
 /// type, or not of the attributes. 0 when it is not.
-std::uint8_t refusal(const Record& request, const KeyInfo& key);
+std::uint8_t refusal(const Record& request, const KeyDescription& key);
 
 /// The record of a struct call; nothing, for which kIOReturnBadArgument is the answer, when
 /// selector, sizes or command are not the driver's. The arguments are those of
@@ -103,6 +95,6 @@ std::optional<Record> receive(std::uint32_t selector, const void* input, std::si
                               const void* output, const std::size_t* outputSize);
 
 /// Hands the answer to the caller, whose room receive() has seen; yields what the call returns.
-kern_return_t send(const Answer& answer, void* output, std::size_t* outputSize);
+kern_return_t send(const CallResult& answer, void* output, std::size_t* outputSize);
 
 }  // namespace quorvane::smc

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
@@ -74,6 +75,7 @@ int SMCFile::open(const std::string& path, Access access) {
 }
 
 int SMCFile::save() const {
+  assert(file);
   return writeWhole(file.get(), encode(machine));
 }
 

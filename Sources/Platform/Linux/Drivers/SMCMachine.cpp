@@ -1,6 +1,7 @@
 #include "Platform/Linux/Drivers/SMCMachine.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -12,18 +13,18 @@ namespace {
 using std::chrono::nanoseconds;
 
 /// The key of the same fan with another suffix: the upper half of the code names the fan.
-FourCharCode sibling(FourCharCode fanKey, std::string_view suffix) {
-  return (fanKey & 0xFFFF0000U) | fourCharCode(suffix);
+FourCC sibling(FourCC fanKey, std::string_view suffix) {
+  return (fanKey & 0xFFFF0000U) | fourCC(suffix);
 }
 
-template <typename Number>
+template <class Number>
 Number load(const Data& data) {
   Number number;
   std::memcpy(&number, data.data(), sizeof number);
   return number;
 }
 
-template <typename Number>
+template <class Number>
 Data store(Number number) {
   Data data{};
   std::memcpy(data.data(), &number, sizeof number);
@@ -31,7 +32,7 @@ Data store(Number number) {
 }
 
 bool hasSpeedType(const Key& key) {
-  return (key.type == typeFlt && key.size == 4) || (key.type == typeFpe2 && key.size == 2);
+  return (key.type == typeFLT && key.size == 4) || (key.type == typeFPE2 && key.size == 2);
 }
 
 bool isActualSpeed(const Key& key) {
@@ -46,7 +47,7 @@ double loadActual(const Data& data) {
 
 }  // namespace
 
-std::string printable(FourCharCode code) {
+std::string printable(FourCC code) {
   std::string text;
   for (const int shift : {24, 16, 8, 0}) {
     const auto byte = static_cast<std::uint8_t>(code >> shift);
@@ -70,29 +71,30 @@ std::string hex(const std::uint8_t* bytes, std::size_t count) {
   return text;
 }
 
-FourCharCode fanKey(unsigned index, std::string_view suffix) {
+FourCC fanKey(unsigned index, std::string_view suffix) {
   std::string name("F");
   name.append(std::to_string(index)).append(suffix);
-  return fourCharCode(name);
+  return fourCC(name);
 }
 
-SMCMachine SMCMachine::fresh(unsigned fanCount, FourCharCode speedType) {
+SMCMachine SMCMachine::fresh(unsigned fanCount, FourCC speedType) {
+  assert(fanCount <= fanCountMax);
   constexpr std::uint8_t readOnly = smc::attributeReadable;
   constexpr std::uint8_t readWrite = smc::attributeReadable | smc::attributeWritable;
   SMCMachine machine;
   auto slot = machine.slots.begin();
-  const auto addByte = [&slot](FourCharCode code, std::uint8_t attributes, std::uint8_t value) {
-    *slot = {.code = code, .size = 1, .type = smc::typeUi8, .attributes = attributes};
+  const auto addByte = [&slot](FourCC code, std::uint8_t attributes, std::uint8_t value) {
+    *slot = {.code = code, .size = 1, .type = smc::typeUI8, .attributes = attributes};
     slot->data[0] = value;
     ++slot;
   };
-  const auto addSpeed = [&](FourCharCode code, std::uint8_t attributes, double speed) {
-    const std::uint32_t size = speedType == typeFlt ? 4 : 2;
+  const auto addSpeed = [&](FourCC code, std::uint8_t attributes, double speed) {
+    const std::uint32_t size = speedType == typeFLT ? 4 : 2;
     *slot = {.code = code, .size = size, .type = speedType, .attributes = attributes};
     slot->data = isActualSpeed(*slot) ? store(speed) : smc::encodeSpeed(speedType, speed);
     ++slot;
   };
-  addByte(fourCharCode("FNum"), readOnly, static_cast<std::uint8_t>(fanCount));
+  addByte(fourCC("FNum"), readOnly, static_cast<std::uint8_t>(fanCount));
   for (unsigned fan = 0; fan < fanCount; ++fan) {
     // No two fans are alike, so that a mix-up of fans shows.
     const double low = 1350 + 50.0 * fan;
@@ -105,13 +107,13 @@ SMCMachine SMCMachine::fresh(unsigned fanCount, FourCharCode speedType) {
   return machine;
 }
 
-const Key* SMCMachine::find(FourCharCode code) const {
+const Key* SMCMachine::find(FourCC code) const {
   const auto found =
       std::find_if(slots.begin(), slots.end(), [code](const Key& key) { return key.code == code; });
   return code != 0 && found != slots.end() ? &*found : nullptr;
 }
 
-Key* SMCMachine::find(FourCharCode code) {
+Key* SMCMachine::find(FourCC code) {
   return const_cast<Key*>(std::as_const(*this).find(code));
 }
 
@@ -129,13 +131,13 @@ void SMCMachine::remove(Key& key, nanoseconds now) {
   key = {};
 }
 
-std::optional<double> SMCMachine::speed(FourCharCode code, nanoseconds now) const {
+std::optional<double> SMCMachine::speed(FourCC code, nanoseconds now) const {
   const Key* key = find(code);
   if (key == nullptr || !hasSpeedType(*key)) return std::nullopt;
   return smc::decodeSpeed(key->type, value(*key, now));
 }
 
-double SMCMachine::goal(FourCharCode fanKey) const {
+double SMCMachine::goal(FourCC fanKey) const {
   const auto limit = [&](std::string_view suffix) {
     return speed(sibling(fanKey, suffix), changedAt);
   };

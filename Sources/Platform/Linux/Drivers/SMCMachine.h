@@ -17,13 +17,11 @@ namespace quorvane::simulation {
 
 using smc::Data;
 using smc::dataSizeMax;
-using smc::FourCharCode;
-using smc::fourCharCode;
-using smc::typeFlt;
-using smc::typeFpe2;
+using smc::typeFLT;
+using smc::typeFPE2;
 
 /// The four characters; one that shows nothing on paper, blanks included, as `\xNN`.
-std::string printable(FourCharCode code);
+std::string printable(FourCC code);
 
 /// Two lower-case digits a byte.
 std::string hex(const std::uint8_t* bytes, std::size_t count);
@@ -33,9 +31,9 @@ enum class Failure : std::uint8_t { none, result, call };
 
 /// Laid out as in the file (see SMCFile.h).
 struct Key {
-  FourCharCode code = 0;   // 0: there is no key here
+  FourCC code = 0;         // 0: there is no key here
   std::uint32_t size = 0;  // at most dataSizeMax
-  FourCharCode type = 0;
+  FourCC type = 0;
   std::uint8_t attributes = 0;
   Failure failure = Failure::none;
   std::uint16_t unused = 0;
@@ -55,13 +53,13 @@ class SMCMachine {
   /// How fast a fan gains or loses speed, in rpm a second.
   static constexpr double slope = 250;
 
-  /// Fans 0 to `fanCount` - 1, at rest in automatic mode, and "FNum". `speedType` is typeFlt or
-  /// typeFpe2. REQUIRES: fanCount <= fanCountMax.
-  static SMCMachine fresh(unsigned fanCount, FourCharCode speedType);
+  /// Fans 0 to `fanCount` - 1, at rest in automatic mode, and "FNum". `speedType` is typeFLT or
+  /// typeFPE2. REQUIRES: fanCount <= fanCountMax.
+  static SMCMachine fresh(unsigned fanCount, FourCC speedType);
 
   /// Null when there is no such key.
-  const Key* find(FourCharCode code) const;
-  Key* find(FourCharCode code);
+  const Key* find(FourCC code) const;
+  Key* find(FourCC code);
 
   /// The value of a key of this machine at a time, zeros behind its size. Times are since boot.
   Data value(const Key& key, std::chrono::nanoseconds now) const;
@@ -70,13 +68,13 @@ class SMCMachine {
 
   /// The key's value as a number of rpm; nothing when it is missing, not of a speed type or not
   /// finite.
-  std::optional<double> speed(FourCharCode code, std::chrono::nanoseconds now) const;
+  std::optional<double> speed(FourCC code, std::chrono::nanoseconds now) const;
 
   /// The speed that a fan heads for; any key of the fan names it. In mode 1 it is the target, no
   /// lower than the minimum and no higher than the maximum; in every other mode it is what the
   /// firmware wants, which for this cool machine is the minimum. A target written in another mode
   /// is kept, reads back as written, and counts from the moment that the mode is 1.
-  double goal(FourCharCode fanKey) const;
+  double goal(FourCC fanKey) const;
 
   std::array<Key, slotCount> slots{};
   /// The time since boot at which the fans had the speeds that their keys hold. Not negative.
@@ -87,7 +85,7 @@ class SMCMachine {
   void settle(std::chrono::nanoseconds now);
 };
 
-/// "F", the index and the suffix ("Ac", "Tg", "Mn", "Mx", "Md").
-FourCharCode fanKey(unsigned index, std::string_view suffix);
+/// "F", the index and the suffix ("Ac", "Tg", "Mn", "Mx", "Md"); of fan 10 "10Ac" and so on remain.
+FourCC fanKey(unsigned index, std::string_view suffix);
 
 }  // namespace quorvane::simulation

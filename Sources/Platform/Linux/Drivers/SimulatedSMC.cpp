@@ -15,7 +15,7 @@
 namespace quorvane::simulation {
 namespace {
 
-using smc::Answer;
+using smc::CallResult;
 using smc::Command;
 using smc::Record;
 using smc::withResult;
@@ -28,17 +28,17 @@ kern_return_t kernelReturn(int error) {
   return kIOReturnError;
 }
 
-Answer writeKey(Key& key, const Record& request, SMCFile& file, std::chrono::nanoseconds now) {
+CallResult writeKey(Key& key, const Record& request, SMCFile& file, std::chrono::nanoseconds now) {
   Data value{};
   std::copy_n(request.data.begin(), key.size, value.begin());
   file.machine.setValue(key, value, now);
   return withStatus(kernelReturn(file.save()));
 }
 
-Answer serve(const Record& request, SMCFile& file, std::chrono::nanoseconds now) {
+CallResult serve(const Record& request, SMCFile& file, std::chrono::nanoseconds now) {
   Key* key = file.machine.find(request.key);
   if (key == nullptr) return withResult(smc::resultKeyMissing);
-  const smc::KeyInfo info{key->size, key->type, key->attributes};
+  const smc::KeyDescription info{key->size, key->type, key->attributes};
   if (request.command == Command::info) return smc::withInfo(info);
   if (key->failure == Failure::call) return withStatus(key->failureValue);
   if (key->failure == Failure::result) {
@@ -56,7 +56,7 @@ const char* nameOf(Command command) {
   return command == Command::read ? "read" : "write";
 }
 
-std::string traceLine(const Record& request, const Answer& answer) {
+std::string traceLine(const Record& request, const CallResult& answer) {
   const Command command = request.command;
   const Record& shown = command == Command::info ? answer.reply : request;
   const Data& data = command == Command::write ? request.data : answer.reply.data;
@@ -73,7 +73,7 @@ std::string traceLine(const Record& request, const Answer& answer) {
 
 /// One write a line, so that lines of several processes never mix. A trace that cannot be written
 /// changes nothing for the caller.
-void appendToTrace(const std::string& path, const Record& request, const Answer& answer) {
+void appendToTrace(const std::string& path, const Record& request, const CallResult& answer) {
   const Descriptor trace = openFile(path, O_WRONLY | O_APPEND);
   if (!trace) return;
   const std::string line = traceLine(request, answer);
@@ -92,7 +92,7 @@ kern_return_t SimulatedSMC::callStructMethod(std::uint32_t selector, const void*
   SMCFile opened;
   const int error = opened.open(
       file, request->command == Command::write ? SMCFile::Access::change : SMCFile::Access::read);
-  const Answer answer =
+  const CallResult answer =
       error != 0 ? withStatus(kernelReturn(error)) : serve(*request, opened, monotonicTime());
   // The lock is still held: lines come in the order of effects.
   appendToTrace(file + ".trace", *request, answer);
