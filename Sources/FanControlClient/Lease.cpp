@@ -76,7 +76,7 @@ void Lease::releaseAll(FanEvent occasion) {
     if (isReachable) {
       isReachable = giveBack(fan, occasion, text);
     } else {
-      end(fan, FanEvent::takenBack, leftToTheHelper());
+      drop(fan, FanEvent::takenBack, leftToTheHelper());
     }
   }
 }
@@ -88,6 +88,10 @@ std::optional<Duration> Lease::advance() {
   return std::min(nextRenewal, periodEnd);
 }
 
+Duration Lease::end() const {
+  return lastWrite + lease;
+}
+
 void Lease::renew() {
   nextRenewal = monotonicTime() + renewalInterval;
   const std::map<int, Fan> held = fans;
@@ -97,9 +101,9 @@ void Lease::renew() {
   for (const auto& [fan, state] : held) {
     if (isConnected) renewFan(fan);
   }
-  if (isConnected || monotonicTime() < lastWrite + lease) return;
+  if (isConnected || monotonicTime() < end()) return;
   for (const auto& [fan, state] : held) {
-    if (fans.contains(fan)) end(fan, FanEvent::takenBack, "its lease ran out meanwhile");
+    if (fans.contains(fan)) drop(fan, FanEvent::takenBack, "its lease ran out meanwhile");
   }
 }
 
@@ -110,7 +114,7 @@ void Lease::renewFan(int fan) {
   const std::optional<StatusReport> report = client.status();
   if (!report) return lose();
   if (!isForcedBy(*report, fan)) {
-    end(fan, FanEvent::takenBack, "its lease ran out, or another put it into automatic mode");
+    drop(fan, FanEvent::takenBack, "its lease ran out, or another put it into automatic mode");
     return;
   }
   // Once more, for the answer may have taken long.
@@ -157,11 +161,11 @@ bool Lease::giveBack(int fan, FanEvent occasion, const std::string& text) {
   if (!outcome && reach()) write();
   isConnected = outcome.has_value();
   if (!outcome) {
-    end(fan, FanEvent::takenBack, leftToTheHelper());
+    drop(fan, FanEvent::takenBack, leftToTheHelper());
   } else if (!outcome->success) {
-    end(fan, FanEvent::refused, outcome->message.value_or(""));
+    drop(fan, FanEvent::refused, outcome->message.value_or(""));
   } else {
-    end(fan, occasion, text);
+    drop(fan, occasion, text);
   }
   return isConnected;
 }
@@ -176,7 +180,7 @@ void Lease::lose() {
   }
 }
 
-void Lease::end(int fan, FanEvent event, const std::string& text) {
+void Lease::drop(int fan, FanEvent event, const std::string& text) {
   fans.erase(fan);
   tell(fan, event, text);
 }

@@ -27,6 +27,8 @@ class Lease {
   void releaseAll(FanEvent occasion);
   /// Does what is due. Yields when it is to be called next: never while no fan is held.
   std::optional<Duration> advance();
+  /// When the helper takes the held fans back unless the lease is renewed, at the earliest.
+  [[nodiscard]] Duration end() const;
 
  private:
   struct Fan {
@@ -42,7 +44,7 @@ class Lease {
   bool force(int fan, std::string_view suffix, std::int64_t value, bool isFloat);
   bool giveBack(int fan, FanEvent occasion, const std::string& text);
   void lose();
-  void end(int fan, FanEvent event, const std::string& text);
+  void drop(int fan, FanEvent event, const std::string& text);
   [[nodiscard]] bool isTooLateToForce() const;
   [[nodiscard]] std::string leftToTheHelper() const;
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "FanControlClient/Lease.h"
 #include "Platform/Clock.h"
 #include "QuorvaneFanHelper/FanReading.h"
 
@@ -19,19 +20,9 @@ namespace quorvane::fanctl {
 namespace {
 
 using namespace std::chrono_literals;
-using Duration = ForceClock::Duration;
+using Duration = Lease::Duration;
 
-constexpr std::chrono::seconds lease{FanControlConstants::leaseSeconds};
-constexpr std::chrono::seconds maxManual{FanControlConstants::maxManualSeconds};
-constexpr Duration renewalInterval = 5s;
 constexpr Duration redrawInterval = 1s;
-/// How much earlier than the helper's cap we end, so as not to race it.
-constexpr Duration handOverLead = 1s;
-/// A renewal that reached the helper after its cap would open a second period. A period of ours
-/// ends there later than here, and a call is answered or given up within replyTimeout; so the last
-/// renewal is over by then. What it grants outlasts the period all the same.
-constexpr Duration lastRenewalBeforeEnd = FanControlClient::replyTimeout;
-static_assert(lastRenewalBeforeEnd + renewalInterval < lease);
 
 constexpr int stopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 volatile sig_atomic_t stopRequested = 0;
@@ -46,35 +37,32 @@ std::string_view valueOf(const StatusReport& report, std::string_view key) {
 /// Fans under manual control, from the first write to the last.
 struct ForceSession {
   FanControlClient& client;
-  ForceClock& clock;
+  StopRequest& stop;
   const ForceRequests& requests;
   const bool isTerminal = isatty(STDOUT_FILENO) == 1;
 
   HelperSMC smc{};
-  Duration end{};
-  /// When the last acknowledged write was sent: the lease of all fans runs at least from then.
-  Duration lastWrite{};
-  /// Those that are ours to give back.
-  ForceRequests held{};
+  ExitStatus status = done;
   bool lineIsOpen = false;
+  Lease lease{client, [this](int fan, FanEvent event, const std::string& text) {
+                endLine();
+                show(*std::ranges::find(requests, fan, &ForceRequest::fan), event, text);
+              }};
 
   ExitStatus run() {
-    ExitStatus status = checkFans();
+    status = checkFans();
     if (status != done) return status;
     if (isTerminal) connectIfThere(smc);
-    // Taken ahead of the first write, so that our count is never behind the helper's.
-    const Duration begin = clock.now();
-    end = begin + maxManual - handOverLead;
-    status = force();
-    if (status == done) status = hold(begin + renewalInterval);
-    if (status != unreachable) status = std::max(status, giveBack());
-    if (status != unreachable) return status;
-    std::cerr << "fanctl: the helper takes forced fans back within " << lease.count() << " s\n";
-    return unreachable;
+    for (const ForceRequest& request : requests) {
+      if (status == done) lease.hold(request.fan, request.rpm);
+    }
+    hold();
+    lease.releaseAll(FanEvent::givenBack);
+    return status;
   }
 
-  /// A write to a fan that is not there would fail, upon which the helper takes all fans back,
-  /// those of other clients too.
+  /// A write to a missing fan would fail, and then the helper would restore all fans, those of
+  /// other clients too.
   ExitStatus checkFans() {
     const std::optional<StatusReport> report = client.status();
     if (!report) return reportUnreachable(client);
@@ -82,7 +70,7 @@ struct ForceSession {
     if (valueOf(*report, "smcOpen") == "0") return done;
     const std::int64_t count = parseInteger(valueOf(*report, "fanCount")).value_or(0);
     for (const ForceRequest& request : requests) {
-      if (request.fan - '0' < count) continue;
+      if (request.fan < count) continue;
       std::cerr << "fanctl: fan " << request.fan << ": this Mac has " << count
                 << (count == 1 ? " fan\n" : " fans\n");
       return badUsage;
@@ -90,105 +78,59 @@ struct ForceSession {
     return done;
   }
 
-  ExitStatus force() {
-    for (const ForceRequest& request : requests) {
-      if (const ExitStatus status = write(request, "Md", 1); status != done) return status;
-      held.push_back(request);
-      if (const ExitStatus status = writeTarget(request); status != done) return status;
-      if (isTerminal) continue;
-      std::cout << "fan " << request.fan << " forced to " << request.rpm << " rpm" << std::endl;
-    }
-    return done;
-  }
-
-  ExitStatus hold(Duration nextRenewal) {
-    while (clock.now() < end) {
+  /// Returns when the period is over, the user wants to stop, or any fan is lost.
+  void hold() {
+    while (status == done) {
+      const std::optional<Duration> due = lease.advance();
+      if (!due || status != done) return;
       if (isTerminal) drawLine();
-      const Duration pause = std::min({clock.now() + redrawInterval, nextRenewal, end});
-      if (clock.stopRequestedBy(pause)) return done;
-      if (clock.now() < nextRenewal) continue;
-      nextRenewal = clock.now() + renewalInterval;
-      if (const ExitStatus status = renew(); status != done) return status;
+      if (stop.isMadeBefore(std::min(*due, monotonicTime() + redrawInterval))) return;
     }
-    return done;
   }
 
-  /// A forcing write for a fan that the helper or another client has put into automatic mode would
-  /// open a new period against their will. So the helper is asked first, as late as can be.
-  ExitStatus renew() {
-    if (isTooLateToRenew()) return done;
-    const std::optional<StatusReport> report = client.status();
-    if (!report) return fail();
-    const std::string_view forced = valueOf(*report, "forcedFans");
-    std::erase_if(held, [&](const ForceRequest& request) { return isLost(request, forced); });
-    if (held.size() < requests.size()) return refused;
-    for (const ForceRequest& request : held) {
-      // Once more, for the answers may have taken long.
-      if (isTooLateToRenew()) return done;
-      if (const ExitStatus status = writeTarget(request); status != done) return status;
+  void show(const ForceRequest& request, FanEvent event, const std::string& text) {
+    const std::string fan = "fan " + std::to_string(request.fan);
+    switch (event) {
+      case FanEvent::forced:
+        if (isTerminal) return;
+        std::cout << fan << " forced to " << request.rpm << " rpm" << std::endl;
+        return;
+      case FanEvent::givenBack:
+        std::cout << fan << " given back to automatic control" << std::endl;
+        return;
+      case FanEvent::periodOver:
+        std::cout << fan << " given back to automatic control after the longest manual period"
+                  << std::endl;
+        return;
+      case FanEvent::unreachable:
+        return complain(unreachable, fan + ": " + text);
+      case FanEvent::takenBack:
+      case FanEvent::refused:
+        return complain(refused, fan + ": " + text);
     }
-    return done;
   }
 
-  bool isTooLateToRenew() { return clock.now() >= end - lastRenewalBeforeEnd; }
-
-  bool isLost(const ForceRequest& request, std::string_view forcedFans) {
-    // A list of single digits: to find the digit is to find the fan.
-    if (forcedFans.find(request.fan) != std::string_view::npos) return false;
-    endLine();
-    std::cerr << "fanctl: fan " << request.fan << " is no longer forced: its lease ran out, or it "
-              << "was put into automatic mode by another client\n";
-    return true;
-  }
-
-  /// Mode 0 of these fans and not restoreAuto, which would take their fans from other clients too.
-  /// Also of a fan whose target was refused: it would be forced to whatever was its target before.
-  ExitStatus giveBack() {
-    const char* occasion = clock.now() < end ? "" : " after the longest manual period";
-    ExitStatus worst = done;
-    for (const ForceRequest& request : held) {
-      const ExitStatus status = write(request, "Md", 0);
-      if (status == unreachable) return status;
-      worst = std::max(worst, status);
-      if (status != done) continue;
-      endLine();
-      std::cout << "fan " << request.fan << " given back to automatic control" << occasion
-                << std::endl;
-    }
-    return worst;
-  }
-
-  ExitStatus writeTarget(const ForceRequest& request) { return write(request, "Tg", request.rpm); }
-
-  ExitStatus write(const ForceRequest& request, std::string_view suffix, std::int64_t value) {
-    const Duration sent = clock.now();
-    const auto outcome = client.writeFanKey(key(request, suffix), value, suffix == "Tg");
-    if (!outcome) return fail();
-    if (!outcome->success) endLine();
-    if (outcome->success) lastWrite = sent;
-    return report(*outcome, std::string("fan ").append(1, request.fan).append(": "));
-  }
-
-  ExitStatus fail() {
-    endLine();
-    return reportUnreachable(client);
+  void complain(ExitStatus worse, const std::string& text) {
+    std::cerr << "fanctl: " << text << "\n";
+    status = std::max(status, worse);
   }
 
   void drawLine() {
-    const Duration left = std::max<Duration>(lastWrite + lease - clock.now(), 0s);
+    const Duration left = std::max<Duration>(lease.end() - monotonicTime(), 0s);
     std::ostringstream line;
     line << "lease " << std::setw(2) << std::chrono::ceil<std::chrono::seconds>(left).count()
          << " s";
-    for (const ForceRequest& request : held) {
+    for (const ForceRequest& request : requests) {
       line << "  fan " << request.fan << ": ";
-      const auto actual = readSpeed(smc, key(request, "Ac"));
+      const auto actual = readSpeed(smc, "F" + std::to_string(request.fan) + "Ac");
       if (actual) line << std::setw(4) << *actual << " of ";
       line << request.rpm << " rpm";
     }
     winsize size{};
     ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
     const std::size_t width = size.ws_col > 0 ? size.ws_col : 80;
-    // A line that wraps could not be drawn over. What is left of a longer one is erased.
+    // A line that wraps could not be overwritten. The escape sequence erases the rest of a longer
+    // one.
     std::cout << '\r' << line.str().substr(0, width - 1) << "\x1b[K" << std::flush;
     lineIsOpen = true;
   }
@@ -197,15 +139,11 @@ struct ForceSession {
     if (lineIsOpen) std::cout << std::endl;
     lineIsOpen = false;
   }
-
-  static std::string key(const ForceRequest& request, std::string_view suffix) {
-    return std::string("F").append(1, request.fan).append(suffix);
-  }
 };
 
 }  // namespace
 
-SignalClock::SignalClock() {
+StopBySignal::StopBySignal() {
   struct sigaction request {};
   request.sa_handler = [](int) { stopRequested = 1; };
   sigset_t signals;
@@ -223,12 +161,8 @@ SignalClock::SignalClock() {
   ::signal(SIGPIPE, SIG_IGN);
 }
 
-Duration SignalClock::now() {
-  return monotonicTime();
-}
-
-bool SignalClock::stopRequestedBy(Duration deadline) {
-  const Duration left = std::max<Duration>(deadline - now(), 0s);
+bool StopBySignal::isMadeBefore(Duration deadline) {
+  const Duration left = std::max<Duration>(deadline - monotonicTime(), 0s);
   const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
   const timespec timeout{seconds.count(), (left - seconds).count()};
   // The signals are blocked everywhere else, so one that came while a call was under way is found
@@ -237,8 +171,8 @@ bool SignalClock::stopRequestedBy(Duration deadline) {
   return stopRequested != 0;
 }
 
-ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequests& requests) {
-  return ForceSession{client, clock, requests}.run();
+ExitStatus runForce(FanControlClient& client, StopRequest& stop, const ForceRequests& requests) {
+  return ForceSession{client, stop, requests}.run();
 }
 
 }  // namespace quorvane::fanctl

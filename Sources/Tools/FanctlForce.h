@@ -12,44 +12,38 @@
 
 namespace quorvane::fanctl {
 
-/// The time, and the user's wish to stop. A test puts a virtual clock in its place.
-class ForceClock {
+/// The user's request to stop. A test puts its own in place.
+class StopRequest {
  public:
-  using Duration = std::chrono::nanoseconds;
-
-  virtual ~ForceClock() = default;
-  /// Monotonic, counted from an unspecified moment.
-  virtual Duration now() = 0;
-  /// True as soon as the user has asked to stop; else false at `deadline` or somewhat earlier.
-  virtual bool stopRequestedBy(Duration deadline) = 0;
+  virtual ~StopRequest() = default;
+  /// Waits until the deadline on monotonicTime() at most. Returns whether the request has come; may
+  /// return false early.
+  virtual bool isMadeBefore(std::chrono::nanoseconds deadline) = 0;
 };
 
-/// The clock by which the helper counts lease and cap too. From its making on, SIGINT, SIGTERM
-/// and SIGHUP are a request to stop and nothing else; a SIGHUP that was ignored before stays so.
-/// SIGPIPE is ignored.
-class SignalClock : public ForceClock {
+/// From its construction on, SIGINT, SIGTERM and SIGHUP mean a request to stop and nothing else; a
+/// SIGHUP that was ignored before stays ignored. Ignores SIGPIPE.
+class StopBySignal : public StopRequest {
  public:
-  SignalClock();
-  Duration now() override;
-  bool stopRequestedBy(Duration deadline) override;
+  StopBySignal();
+  bool isMadeBefore(std::chrono::nanoseconds deadline) override;
 
  private:
   sigset_t unblocked;
 };
 
 struct ForceRequest {
-  char fan;  ///< '0' to '9', as in a key.
+  int fan;  ///< 0 to 9.
   std::int64_t rpm;
 };
 
 /// At least one, and no fan twice.
 using ForceRequests = std::vector<ForceRequest>;
 
-/// Forces the fans until asked to stop, until maxManualSeconds have passed, until the helper
-/// refuses or is gone, or until someone else has put one of them into automatic mode; the others
-/// are given back then. On a terminal a line is redrawn every second, with the actual speeds where
-/// this user may read them; else there is one line for each fan at the beginning and one at the
-/// end.
-ExitStatus runForce(FanControlClient& client, ForceClock& clock, const ForceRequests& requests);
+/// Holds the fans until the request to stop, for maxManualSeconds at most. Ends early, and gives
+/// all of them back, when the helper refuses or is gone, or when one of them is no longer forced.
+/// On a terminal it redraws a line every second, with the actual speeds if this user may read them;
+/// otherwise it prints one line for each fan at the beginning and one at the end.
+ExitStatus runForce(FanControlClient& client, StopRequest& stop, const ForceRequests& requests);
 
 }  // namespace quorvane::fanctl

@@ -59,7 +59,7 @@ std::string parseForce(Arguments arguments, ForceRequests& requests) {
     if (sign == std::string::npos) return "not FAN=RPM: " + pair;
     const std::string fan = pair.substr(0, sign), rpm = pair.substr(sign + 1);
     if (fan.size() != 1 || fan < "0" || fan > "9") return "fan must be 0 to 9: " + fan;
-    const auto isSame = [&](const ForceRequest& other) { return other.fan == fan[0]; };
+    const auto isSame = [&](const ForceRequest& other) { return other.fan == fan[0] - '0'; };
     if (std::any_of(requests.begin(), requests.end(), isSame)) {
       return "fan " + fan + " is given twice";
     }
@@ -68,7 +68,7 @@ std::string parseForce(Arguments arguments, ForceRequests& requests) {
     if (*speed < 0 || *speed > maxTargetRPM) {
       return "rpm must be 0 to " + std::to_string(maxTargetRPM) + ": " + rpm;
     }
-    requests.push_back({fan[0], *speed});
+    requests.push_back({fan[0] - '0', *speed});
   }
   return pairs.empty() ? "force takes FAN RPM, or FAN=RPM for each fan" : "";
 }
@@ -169,8 +169,8 @@ ExitStatus ask(Arguments arguments, bool asJSON) {
   if (!client.connect()) return reportUnreachable(client);
   if (isBatch) return runBatch(client, std::cin, std::cout);
   if (isForce) {
-    SignalClock clock;
-    return runForce(client, clock, requests);
+    StopBySignal stop;
+    return runForce(client, stop, requests);
   }
   const Reply reply = call(client);
   return reply ? show(reply, asJSON) : reportUnreachable(client);
