@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -61,15 +60,15 @@ class Source {
   Source& operator=(const Source&) = delete;
 
  protected:
-  using Handler = std::function<void()>;
-
+  template <class Handler>
   Source(dispatch_source_type_t type, std::uintptr_t handle, dispatch_queue_t queue,
-         Handler handler)
+         Handler&& handler)
       : native(dispatch_source_create(type, handle, 0, queue)) {
-    dispatch_set_context(native, new Handler(std::move(handler)));
-    dispatch_set_finalizer_f(native, [](void* context) { delete static_cast<Handler*>(context); });
+    using Box = std::decay_t<Handler>;
+    dispatch_set_context(native, new Box(std::forward<Handler>(handler)));
+    dispatch_set_finalizer_f(native, [](void* context) { delete static_cast<Box*>(context); });
     dispatch_source_set_event_handler_f(native,
-                                        [](void* context) { (*static_cast<Handler*>(context))(); });
+                                        [](void* context) { (*static_cast<Box*>(context))(); });
   }
   ~Source() {
     dispatch_source_cancel(native);
@@ -82,8 +81,9 @@ class Source {
 /// Fires once, `delay` after its making on the default clock, without leeway.
 class OneShotTimer : public Source {
  public:
-  OneShotTimer(const Queue& queue, std::chrono::nanoseconds delay, Handler handler)
-      : Source(DISPATCH_SOURCE_TYPE_TIMER, 0, queue.handle(), std::move(handler)) {
+  template <class Handler>
+  OneShotTimer(const Queue& queue, std::chrono::nanoseconds delay, Handler&& handler)
+      : Source(DISPATCH_SOURCE_TYPE_TIMER, 0, queue.handle(), std::forward<Handler>(handler)) {
     dispatch_source_set_timer(native, dispatch_time(DISPATCH_TIME_NOW, delay.count()),
                               DISPATCH_TIME_FOREVER, /*leeway=*/0);
     dispatch_resume(native);
@@ -94,9 +94,10 @@ class OneShotTimer : public Source {
 /// caller has set to be ignored.
 class SignalSource : public Source {
  public:
-  SignalSource(int signal, Handler handler)
+  template <class Handler>
+  SignalSource(int signal, Handler&& handler)
       : Source(DISPATCH_SOURCE_TYPE_SIGNAL, static_cast<std::uintptr_t>(signal),
-               dispatch_get_main_queue(), std::move(handler)) {
+               dispatch_get_main_queue(), std::forward<Handler>(handler)) {
     dispatch_resume(native);
   }
 };

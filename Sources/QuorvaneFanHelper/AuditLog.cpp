@@ -17,13 +17,17 @@ namespace {
 
 constexpr mode_t filePermissions = 0644;
 
-/// RFC 3339 in UTC with whole seconds: "2025-03-01T12:00:05Z".
-std::string timestamp() {
+/// RFC 3339 in UTC with whole seconds: "2025-03-01T12:00:05Z". Formats once a second.
+std::string_view timestamp() {
+  static std::time_t formatted = -1;
+  static char text[sizeof "2025-03-01T12:00:05Z"] = {};
   const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  char text[sizeof "2025-03-01T12:00:05Z"] = {};
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  if (now != formatted) {
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    formatted = now;
+  }
   return text;
 }
 
@@ -49,7 +53,11 @@ void writeNew(const std::string& path, std::string_view line) {
 }  // namespace
 
 void audit(std::string_view message) {
-  const std::string line = timestamp().append("  ").append(message).append("\n");
+  constexpr std::string_view separator = "  ", lineFeed = "\n";
+  const std::string_view time = timestamp();
+  std::string line;
+  line.reserve(time.size() + separator.size() + message.size() + lineFeed.size());
+  line.append(time).append(separator).append(message).append(lineFeed);
   const std::string path = systemPath(FanControlConstants::auditLogPath);
   // A file that opens has its folder.
   if (!appendToExisting(path, line)) writeNew(path, line);

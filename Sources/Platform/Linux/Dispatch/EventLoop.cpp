@@ -7,6 +7,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "Platform/Clock.h"
@@ -94,7 +95,9 @@ void EventLoop::add(EventSource& source) {
     sigaddset(&watchedSignals, source.signal);
     required(signalfd(signals, &watchedSignals, 0), "signal not watched");
   } else if (source.deadline != DISPATCH_TIME_FOREVER) {
-    timers.emplace(source.deadline, &source);
+    const auto later =
+        std::ranges::upper_bound(timers, source.deadline, {}, &EventSource::deadline);
+    timers.insert(later, &source);
     if (source.deadline < timerSetTo) setTimerLocked();
   }
 }
@@ -103,8 +106,7 @@ void EventLoop::cancel(EventSource& source) {
   const std::lock_guard lock(mutex);
   source.cancelled = true;
   std::erase(signalSources, &source);
-  const auto isOwn = [&source](const auto& entry) { return entry.second == &source; };
-  if (std::erase_if(timers, isOwn) > 0 && timers.empty()) setTimerLocked();
+  if (std::erase(timers, &source) > 0 && timers.empty()) setTimerLocked();
 }
 
 void EventLoop::run() {
@@ -124,9 +126,9 @@ void EventLoop::run() {
 
 void EventLoop::fireTimers() {
   const std::lock_guard lock(mutex);
-  const auto due = timers.upper_bound(nowNanoseconds());
-  for (auto entry = timers.begin(); entry != due; ++entry) entry->second->fire();
-  timers.erase(timers.begin(), due);
+  const auto later = std::ranges::upper_bound(timers, nowNanoseconds(), {}, &EventSource::deadline);
+  std::for_each(timers.begin(), later, [](EventSource* due) { due->fire(); });
+  timers.erase(timers.begin(), later);
   setTimerLocked();
 }
 
@@ -149,7 +151,7 @@ void EventLoop::setTimerLocked() {
   itimerspec first{};
   timerSetTo = DISPATCH_TIME_FOREVER;
   if (!timers.empty()) {
-    timerSetTo = timers.begin()->first;
+    timerSetTo = timers.front()->deadline;
     first.it_value.tv_sec = static_cast<time_t>(timerSetTo / NSEC_PER_SEC);
     first.it_value.tv_nsec = static_cast<long>(timerSetTo % NSEC_PER_SEC);
     if (timerSetTo == DISPATCH_TIME_NOW) first.it_value.tv_nsec = 1;  // all zero would mean off

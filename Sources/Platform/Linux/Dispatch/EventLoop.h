@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <mutex>
 #include <vector>
 
@@ -78,7 +77,7 @@ class EventLoop {
   int signals = -1;
 
   std::mutex mutex;  // guards what follows; taken before a queue's, never the other way round
-  std::multimap<dispatch_time_t, EventSource*> timers;
+  std::vector<EventSource*> timers;  // by deadline
   /// Never after the first deadline. It may be before it, and wake the thread for nothing once, for
   /// a timer that was cancelled while others remain: to put it off at each renewal of a lease costs
   /// more. Without timers it is off.
