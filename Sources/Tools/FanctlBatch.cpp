@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <iostream>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -10,6 +10,18 @@ namespace quorvane::fanctl {
 namespace {
 
 using Seconds = std::chrono::duration<double>;
+
+/// The next line without its line feed; nothing at the end.
+std::optional<std::string> readLine(std::FILE* file) {
+  char* text = nullptr;
+  std::size_t capacity = 0;
+  const ssize_t length = getline(&text, &capacity, file);
+  const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
+  if (length < 0) return std::nullopt;
+  std::string line(text, static_cast<std::size_t>(length));
+  if (line.ends_with('\n')) line.pop_back();
+  return line;
+}
 
 std::vector<std::string_view> splitAtTabs(std::string_view line) {
   std::vector<std::string_view> fields;
@@ -67,18 +79,18 @@ std::string render(const StatusReport& report) {
 
 }  // namespace
 
-ExitStatus runBatch(FanControlClient& client, std::istream& commands, std::ostream& answers) {
-  std::size_t number = 0;
-  for (std::string line; std::getline(commands, line);) {
-    ++number;
-    const Call call = parseLine(line);
+ExitStatus runBatch(FanControlClient& client, std::FILE* commands, std::FILE* answers) {
+  for (unsigned number = 1; const std::optional<std::string> line = readLine(commands); ++number) {
+    const Call call = parseLine(*line);
     if (!call) {
-      std::cerr << "fanctl: line " << number << " of the batch is malformed\n";
-      return badUsage;
+      return complain(badUsage, "line " + std::to_string(number) + " of the batch is malformed");
     }
     const Reply reply = call(client);
     if (!reply) return reportUnreachable(client);
-    answers << std::visit([](const auto& value) { return render(value); }, *reply) << std::endl;
+    const std::string answer =
+        std::visit([](const auto& value) { return render(value); }, *reply) + "\n";
+    std::fwrite(answer.data(), 1, answer.size(), answers);
+    std::fflush(answers);
   }
   return done;
 }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <chrono>
-#include <iosfwd>
+#include <cstdio>
 
 #include "Tools/FanctlCommand.h"
 
@@ -18,6 +18,6 @@ inline constexpr std::chrono::hours maxSleep{1};
 /// write KEY VALUE [float], sleep SECONDS. The answers: the ping text; the status as key=value
 /// fields separated by tabs; for the others "true", or "false", a tab and the helper's message.
 /// A tab or line feed inside a text of the helper is shown as a blank; a key cannot hold one.
-ExitStatus runBatch(FanControlClient& client, std::istream& commands, std::ostream& answers);
+ExitStatus runBatch(FanControlClient& client, std::FILE* commands, std::FILE* answers);
 
 }  // namespace quorvane::fanctl

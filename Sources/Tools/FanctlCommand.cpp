@@ -1,7 +1,8 @@
 #include "Tools/FanctlCommand.h"
 
+#include <algorithm>
 #include <charconv>
-#include <iostream>
+#include <cstdio>
 #include <system_error>
 
 #include "Platform/UTF8.h"
@@ -42,16 +43,22 @@ std::optional<std::int64_t> parseInteger(std::string_view text) {
   return value;
 }
 
-ExitStatus report(const Outcome& outcome, const std::string& subject) {
+std::string padded(const std::string& text, std::size_t width) {
+  return std::string(width - std::min(width, text.size()), ' ') + text;
+}
+
+ExitStatus complain(ExitStatus status, const std::string& text) {
+  std::fprintf(stderr, "fanctl: %s\n", text.c_str());
+  return status;
+}
+
+ExitStatus report(const Outcome& outcome) {
   if (outcome.success) return done;
-  std::cerr << "fanctl: " << subject << outcome.message.value_or("refused without a reason")
-            << "\n";
-  return refused;
+  return complain(refused, outcome.message.value_or("refused without a reason"));
 }
 
 ExitStatus reportUnreachable(const FanControlClient& client) {
-  std::cerr << "fanctl: " << client.error() << "\n";
-  return unreachable;
+  return complain(unreachable, client.error());
 }
 
 }  // namespace quorvane::fanctl

@@ -33,9 +33,14 @@ Call parseCall(Arguments arguments);
 /// A signed 64-bit decimal number and nothing else: no plus sign, no blanks.
 std::optional<std::int64_t> parseInteger(std::string_view text);
 
-/// Says on standard error what the helper refused with, if it did, behind the name of what it
-/// refused.
-ExitStatus report(const Outcome& outcome, const std::string& subject = "");
+/// The text behind enough blanks to fill the width.
+std::string padded(const std::string& text, std::size_t width);
+
+/// Prints one line on standard error, after the program's name. Returns the status.
+ExitStatus complain(ExitStatus status, const std::string& text);
+
+/// Prints on standard error why the helper refused, if it did.
+ExitStatus report(const Outcome& outcome);
 
 /// Says on standard error why the last call got no answer.
 ExitStatus reportUnreachable(const FanControlClient& client);

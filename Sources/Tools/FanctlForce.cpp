@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <iomanip>
-#include <iostream>
-#include <sstream>
+#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -71,9 +69,8 @@ struct ForceSession {
     const std::int64_t count = parseInteger(valueOf(*report, "fanCount")).value_or(0);
     for (const ForceRequest& request : requests) {
       if (request.fan < count) continue;
-      std::cerr << "fanctl: fan " << request.fan << ": this Mac has " << count
-                << (count == 1 ? " fan\n" : " fans\n");
-      return badUsage;
+      return complain(badUsage, "fan " + std::to_string(request.fan) + ": this Mac has " +
+                                    std::to_string(count) + (count == 1 ? " fan" : " fans"));
     }
     return done;
   }
@@ -92,51 +89,50 @@ struct ForceSession {
     const std::string fan = "fan " + std::to_string(request.fan);
     switch (event) {
       case FanEvent::forced:
-        if (isTerminal) return;
-        std::cout << fan << " forced to " << request.rpm << " rpm" << std::endl;
+        if (!isTerminal) say(fan + " forced to " + std::to_string(request.rpm) + " rpm");
         return;
       case FanEvent::givenBack:
-        std::cout << fan << " given back to automatic control" << std::endl;
-        return;
+        return say(fan + " given back to automatic control");
       case FanEvent::periodOver:
-        std::cout << fan << " given back to automatic control after the longest manual period"
-                  << std::endl;
-        return;
+        return say(fan + " given back to automatic control after the longest manual period");
       case FanEvent::unreachable:
-        return complain(unreachable, fan + ": " + text);
+        status = complain(unreachable, fan + ": " + text);
+        return;
       case FanEvent::takenBack:
       case FanEvent::refused:
-        return complain(refused, fan + ": " + text);
+        status = std::max(status, complain(refused, fan + ": " + text));
+        return;
     }
   }
 
-  void complain(ExitStatus worse, const std::string& text) {
-    std::cerr << "fanctl: " << text << "\n";
-    status = std::max(status, worse);
+  static void say(const std::string& text) {
+    std::puts(text.c_str());
+    std::fflush(stdout);
   }
 
   void drawLine() {
     const Duration left = std::max<Duration>(lease.end() - monotonicTime(), 0s);
-    std::ostringstream line;
-    line << "lease " << std::setw(2) << std::chrono::ceil<std::chrono::seconds>(left).count()
-         << " s";
+    std::string line =
+        "lease " +
+        padded(std::to_string(std::chrono::ceil<std::chrono::seconds>(left).count()), 2) + " s";
     for (const ForceRequest& request : requests) {
-      line << "  fan " << request.fan << ": ";
-      const auto actual = readSpeed(smc, "F" + std::to_string(request.fan) + "Ac");
-      if (actual) line << std::setw(4) << *actual << " of ";
-      line << request.rpm << " rpm";
+      const std::string fan = std::to_string(request.fan);
+      const auto actual = readSpeed(smc, "F" + fan + "Ac");
+      line += "  fan " + fan + ": " + (actual ? padded(std::to_string(*actual), 4) + " of " : "");
+      line += std::to_string(request.rpm) + " rpm";
     }
     winsize size{};
     ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
     const std::size_t width = size.ws_col > 0 ? size.ws_col : 80;
     // A line that wraps could not be overwritten. The escape sequence erases the rest of a longer
     // one.
-    std::cout << '\r' << line.str().substr(0, width - 1) << "\x1b[K" << std::flush;
+    std::printf("\r%s\x1b[K", line.substr(0, width - 1).c_str());
+    std::fflush(stdout);
     lineIsOpen = true;
   }
 
   void endLine() {
-    if (lineIsOpen) std::cout << std::endl;
+    if (lineIsOpen) say("");
     lineIsOpen = false;
   }
 };

@@ -2,12 +2,10 @@
 #include <getopt.h>
 
 #include <algorithm>
-#include <iomanip>
-#include <iostream>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "QuorvaneFanHelper/FanReading.h"
@@ -20,14 +18,14 @@ namespace {
 
 using FanControlConstants::maxTargetRPM;
 
-constexpr std::string_view usage =
+constexpr const char* usage =
     "usage: fanctl ping | auto | batch\n"
     "       fanctl status | fans [--json]\n"
     "       fanctl write KEY VALUE [float]\n"
     "       fanctl force FAN RPM | FAN=RPM ...\n"
     "       fanctl -h | --help | --version\n";
 
-constexpr std::string_view help = R"(
+constexpr const char* help = R"(
 ping     asks whether the helper is there and lets us in
 status   shows the helper's report, one "key: value" a line
 fans     shows each fan's speeds (rpm) and mode; "-" where we may not read it
@@ -43,11 +41,6 @@ batch    answers each line of standard input, ping, status, auto, write KEY
 exit status: 0 done, 1 the helper refused, a forced fan was taken back, no fan
 can be read or the output cannot be written, 2 bad usage, 3 the helper cannot
 be reached or cut us off; fanctl(1) tells more)";
-
-ExitStatus misused(const std::string& complaint) {
-  std::cerr << "fanctl: " << complaint << "\n";
-  return badUsage;
-}
 
 /// What is wrong with the arguments, or nothing.
 std::string parseForce(Arguments arguments, ForceRequests& requests) {
@@ -73,13 +66,19 @@ std::string parseForce(Arguments arguments, ForceRequests& requests) {
   return pairs.empty() ? "force takes FAN RPM, or FAN=RPM for each fan" : "";
 }
 
+ExitStatus print(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+  return done;
+}
+
 ExitStatus reportBadUsage(Arguments arguments) {
   if (arguments.size() > 2 && arguments[0] == "write" && !parseInteger(arguments[2])) {
-    return misused("the value must be a whole number: " + std::string(arguments[2]));
+    return complain(badUsage, "the value must be a whole number: " + std::string(arguments[2]));
   }
-  std::cerr << (arguments.empty() ? "fanctl: no command given" : "fanctl: not a command:");
-  for (const std::string_view argument : arguments) std::cerr << " " << argument;
-  std::cerr << "\n" << usage;
+  std::string complaint = arguments.empty() ? "no command given" : "not a command:";
+  for (const std::string_view argument : arguments) complaint.append(" ").append(argument);
+  complain(badUsage, complaint);
+  std::fputs(usage, stderr);
   return badUsage;
 }
 
@@ -97,27 +96,24 @@ std::string quote(const std::string& text) {
 }
 
 /// The values are JSON already.
-void showObject(const Members& members, const char* separator) {
+std::string object(const Members& members) {
+  std::string json;
   for (const auto& [key, value] : members) {
-    std::cout << std::exchange(separator, ",") << quote(key) << ":" << value;
+    json += (json.empty() ? "{" : ",") + quote(key) + ":" + value;
   }
-  std::cout << "}";
+  return json + "}";
 }
 
 ExitStatus show(const Reply& reply, bool asJSON) {
   if (const auto* outcome = std::get_if<Outcome>(&*reply)) return report(*outcome);
-  if (const auto* text = std::get_if<std::string>(&*reply)) std::cout << *text;
-  if (const auto* status = std::get_if<StatusReport>(&*reply)) {
-    StatusReport report = *status;
-    for (auto& [key, value] : report) {
-      if (asJSON) value = quote(value);
-      if (!asJSON) std::cout << key << ": " << value << "\n";
-    }
-    if (!asJSON) return done;
-    showObject(report, "{");
+  if (const auto* text = std::get_if<std::string>(&*reply)) return print(*text + "\n");
+  StatusReport report = std::get<StatusReport>(*reply);
+  std::string lines;
+  for (auto& [key, value] : report) {
+    lines += key + ": " + value + "\n";
+    value = quote(value);
   }
-  std::cout << "\n";
-  return done;
+  return print(asJSON ? object(report) + "\n" : lines);
 }
 
 template <class Number>
@@ -125,7 +121,7 @@ std::string render(const std::optional<Number>& number, bool asJSON) {
   return number ? std::to_string(*number) : asJSON ? "null" : "-";
 }
 
-void showFan(unsigned fan, const FanReading& reading, bool asJSON) {
+std::string render(unsigned fan, const FanReading& reading, bool asJSON) {
   std::string mode = render(reading.mode, asJSON);
   if (!asJSON && mode == "0") mode = "automatic";
   if (!asJSON && mode == "1") mode = "forced";
@@ -135,9 +131,12 @@ void showFan(unsigned fan, const FanReading& reading, bool asJSON) {
                            {"minimum", render(reading.minimum, asJSON)},
                            {"maximum", render(reading.maximum, asJSON)},
                            {"mode", mode}};
-  if (asJSON) return showObject(members, fan == 0 ? "{" : ",{");
-  for (const auto& [name, text] : members) std::cout << std::setw(name == "fan" ? 3 : 10) << text;
-  std::cout << "\n";
+  if (asJSON) return object(members);
+  std::string line;
+  for (const auto& [name, text] : members) {
+    line += padded(text, name == "fan" ? 3 : 10);
+  }
+  return line;
 }
 
 /// Asks the SMC and not the helper, so it needs no admission.
@@ -146,13 +145,14 @@ ExitStatus showFans(bool asJSON) {
   connectIfThere(smc);
   const std::optional<std::uint8_t> count = smc.readByte("FNum");
   if (!count) {
-    std::cerr << "fanctl: no SMC answers this user; a simulated one answers root only\n";
-    return refused;
+    return complain(refused, "no SMC answers this user; a simulated one answers root only");
   }
-  std::cout << (asJSON ? "[" : "Fan    Actual    Target   Minimum   Maximum      Mode\n");
-  for (unsigned fan = 0; fan < *count; ++fan) showFan(fan, readFan(smc, fan), asJSON);
-  std::cout << (asJSON ? "]\n" : "");
-  return done;
+  std::string text = asJSON ? "[" : "Fan    Actual    Target   Minimum   Maximum      Mode";
+  for (unsigned fan = 0; fan < *count; ++fan) {
+    text += asJSON ? (fan == 0 ? "" : ",") : "\n";
+    text += render(fan, readFan(smc, fan), asJSON);
+  }
+  return print(text + (asJSON ? "]\n" : "\n"));
 }
 
 /// The commands that take the helper.
@@ -163,11 +163,11 @@ ExitStatus ask(Arguments arguments, bool asJSON) {
   if (!isForce && !isBatch && !call) return reportBadUsage(arguments);
   ForceRequests requests;
   const std::string complaint = isForce ? parseForce(arguments.subspan(1), requests) : "";
-  if (!complaint.empty()) return misused(complaint);
+  if (!complaint.empty()) return complain(badUsage, complaint);
 
   FanControlClient client;
   if (!client.connect()) return reportUnreachable(client);
-  if (isBatch) return runBatch(client, std::cin, std::cout);
+  if (isBatch) return runBatch(client, stdin, stdout);
   if (isForce) {
     StopBySignal stop;
     return runForce(client, stop, requests);
@@ -197,23 +197,23 @@ ExitStatus run(int argc, char* argv[]) {
     const int each = getopt_long(argc, argv, "-h", options, nullptr);
     if (each == -1) break;
     if (each == '?') return badUsage;
-    if (each == 'h') return show(std::string(usage).append(help), /*asJSON=*/false);
-    if (each == 'v') return show("fanctl " QUORVANE_VERSION, /*asJSON=*/false);
+    if (each == 'h') return print(std::string(usage) + help + "\n");
+    if (each == 'v') return print("fanctl " QUORVANE_VERSION "\n");
     if (each == 'j') asJSON = true;
     if (each == 1) operands.emplace_back(optarg);
   }
   operands.insert(operands.end(), argv + std::min(optind, argc), argv + argc);
   if (operands.empty()) return reportBadUsage(operands);
   const bool isFans = operands[0] == "fans" && operands.size() == 1;
-  if (asJSON && !isFans && operands[0] != "status") return misused("--json is for status and fans");
+  if (asJSON && !isFans && operands[0] != "status")
+    return complain(badUsage, "--json is for status and fans");
   return isFans ? showFans(asJSON) : ask(operands, asJSON);
 }
 
 /// What was not written is not done.
 ExitStatus finish(ExitStatus status) {
-  if (std::cout.flush()) return status;
-  std::cerr << "fanctl: the output cannot be written\n";
-  return status == done ? refused : status;
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  return std::max(complain(refused, "the output cannot be written"), status);
 }
 
 }  // namespace
