@@ -114,7 +114,8 @@ void Lease::renewFan(int fan) {
   const std::optional<StatusReport> report = client.status();
   if (!report) return lose();
   if (!isForcedBy(*report, fan)) {
-    drop(fan, FanEvent::takenBack, "its lease ran out, or another put it into automatic mode");
+    drop(fan, FanEvent::takenBack,
+         "its lease ran out, or another client put it into automatic mode");
     return;
   }
   // Once more, for the answer may have taken long.

@@ -230,12 +230,15 @@ void FanHelperService::status(StatusReply reply) {
 }
 
 StatusReport FanHelperService::statusReportLocked() {
-  return {{"version", version},
-          {"model", model()},
-          {"smcOpen", smcOpen ? "1" : "0"},
-          {"fanCount", std::to_string(fanCountLocked())},
-          {"forcedFans", joined(forcedFans, ",")},
-          {"leaseSeconds", std::to_string(FanControlConstants::leaseSeconds)}};
+  StatusReport report;
+  report.reserve(6);
+  report.emplace_back("version", version);
+  report.emplace_back("model", model());
+  report.emplace_back("smcOpen", smcOpen ? "1" : "0");
+  report.emplace_back("fanCount", std::to_string(fanCountLocked()));
+  report.emplace_back("forcedFans", joined(forcedFans, ","));
+  report.emplace_back("leaseSeconds", std::to_string(FanControlConstants::leaseSeconds));
+  return report;
 }
 
 void FanHelperService::ping(PingReply reply) {

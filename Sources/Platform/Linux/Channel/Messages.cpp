@@ -24,9 +24,11 @@ class Writer {
 
   template <class Unsigned>
   void integer(Unsigned value) {
+    std::array<char, sizeof value> little{};
     for (std::size_t i = 0; i < sizeof value; ++i) {
-      bytes.push_back(static_cast<char>(static_cast<std::uint8_t>(value >> (8 * i))));
+      little[i] = static_cast<char>(static_cast<std::uint8_t>(value >> (8 * i)));
     }
+    bytes.append(little.data(), little.size());
   }
   void boolean(bool value) { integer(static_cast<std::uint8_t>(value ? 1 : 0)); }
   void text(std::string_view value) {
@@ -174,7 +176,9 @@ std::string encodeReply(std::uint32_t callNumber, const Outcome& outcome) {
 
 std::string encodeReply(std::uint32_t callNumber, const StatusReport& report) {
   assert(report.size() <= std::numeric_limits<std::uint8_t>::max());
+  constexpr std::size_t usualSize = 160;
   Writer writer(MessageKind::reply, callNumber);
+  writer.bytes.reserve(usualSize);
   writer.integer(static_cast<std::uint8_t>(report.size()));
   for (const auto& [key, value] : report) {
     writer.text(key);
