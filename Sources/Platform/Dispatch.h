@@ -1,7 +1,6 @@
 // A thin RAII layer over the libdispatch calls: a serial queue, a one-shot timer, a signal source.
-// Blocks are lambdas, boxed through the context pointer. The same code on macOS and on Linux. An
-// exception that leaves a block ends the process, by std::terminate(), once it has passed all of
-// the block's frames.
+// Blocks are lambdas, boxed through the context pointer. The same code on macOS and Linux. An
+// exception that leaves a block unwinds its frames, then ends the process by std::terminate().
 #pragma once
 
 #include <dispatch/dispatch.h>
@@ -14,7 +13,7 @@
 
 namespace quorvane::dispatch {
 
-/// A serial queue of its own. Callable from any thread.
+/// Owns a serial queue. Callable from any thread.
 class Queue {
  public:
   explicit Queue(const char* label) : native(dispatch_queue_create(label, DISPATCH_QUEUE_SERIAL)) {}
@@ -22,7 +21,7 @@ class Queue {
   Queue(const Queue&) = delete;
   Queue& operator=(const Queue&) = delete;
 
-  /// Runs the block later, after all that was submitted before it.
+  /// Runs the block later, after all blocks submitted before it.
   template <class Block>
   void async(Block&& block) const {
     using Box = std::decay_t<Block>;
@@ -31,18 +30,18 @@ class Queue {
       const std::unique_ptr<Box> box(static_cast<Box*>(context));
       (*box)();
     });
-    static_cast<void>(submitted.release());  // the queue's, unless it had no memory for it
+    static_cast<void>(submitted.release());  // now owned by the queue; on bad_alloc it stays ours
   }
 
-  /// Runs the block after all that was submitted before it and returns when it has run. Never from
-  /// a block on this queue, which would wait for itself.
+  /// Runs the block after all blocks submitted before it, and returns when it has run. REQUIRES:
+  /// the caller is not a block on this queue, which would wait for itself.
   template <class Block>
   void sync(const Block& block) const {
     dispatch_sync_f(native, const_cast<Block*>(&block),
                     [](void* context) { (*static_cast<const Block*>(context))(); });
   }
 
-  /// Lets no further block begin; one that is running ends as usual.
+  /// Starts no further block. A running block completes.
   void suspend() const { dispatch_suspend(native); }
 
   [[nodiscard]] dispatch_queue_t handle() const { return native; }
@@ -51,9 +50,9 @@ class Queue {
   dispatch_queue_t native;
 };
 
-/// What a timer and a signal source share: an event handler that is freed, on the source's queue,
-/// once the source is gone and the handler no longer runs. Destroying a source cancels it. On its
-/// queue that is final: the handler does not run afterwards, even when it was already due.
+/// The common part of a timer and a signal source. It owns an event handler, which is freed on the
+/// source's queue after the source is destroyed and the handler has returned. Destruction cancels
+/// the source. On its queue this is final: a handler that was already due does not run.
 class Source {
  public:
   Source(const Source&) = delete;
@@ -78,7 +77,7 @@ class Source {
   dispatch_source_t native;
 };
 
-/// Fires once, `delay` after its making on the default clock, without leeway.
+/// Fires once, `delay` after its construction on the default clock, without leeway.
 class OneShotTimer : public Source {
  public:
   template <class Handler>
@@ -90,8 +89,8 @@ class OneShotTimer : public Source {
   }
 };
 
-/// Calls its handler on the main queue for each delivery of the signal, whose disposition the
-/// caller has set to be ignored.
+/// Calls its handler on the main queue when the signal is delivered. Deliveries before the handler
+/// starts count as one. REQUIRES: the caller has set the signal's disposition to SIG_IGN.
 class SignalSource : public Source {
  public:
   template <class Handler>

@@ -1,5 +1,5 @@
-// Files by their descriptors: the owner of one, and the calls that every use of one shares. The
-// same code on both systems; callable from any thread.
+// The owner of a file descriptor, and calls on files. The same code on both systems; callable from
+// any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -13,8 +13,7 @@
 
 namespace quorvane {
 
-/// A file descriptor and the duty to close it. Closing can wait for what the file is: the owner
-/// chooses the thread.
+/// Owns a file descriptor and closes it. Closing can block, so the owner chooses the thread.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -35,18 +34,19 @@ class Descriptor {
   int value = -1;
 };
 
-/// open(2), repeated when a signal interrupts it. Without a descriptor, errno says why. The file is
-/// not inherited by other programs, a terminal does not become ours, and a fifo or a lease does not
-/// make the call wait (O_CLOEXEC, O_NOCTTY, O_NONBLOCK). `folder` is where a relative path begins.
+/// Opens a file as open(2) does; retries after a signal. On failure the result is empty and errno
+/// has the reason. Other programs do not inherit the descriptor, a terminal does not become ours,
+/// and a fifo or a lease does not block (O_CLOEXEC, O_NOCTTY, O_NONBLOCK). A relative path starts
+/// at `folder`.
 Descriptor openFile(const std::string& path, int flags, mode_t mode = 0);
 Descriptor openFileAt(int folder, const std::string& path, int flags, mode_t mode = 0);
 
-/// Fills the bytes from `offset` on. Yields how many there were: fewer only at the end of the file
-/// or on an error.
+/// Reads from `offset` until the span is full. Returns the number of bytes read; it is smaller than
+/// the span only at the end of the file or on an error.
 std::size_t readAt(int file, std::span<std::uint8_t> bytes, off_t offset);
 
-/// Writes all bytes at the file's position. False with the reason in errno when only some, or none,
-/// could be written.
+/// Writes all bytes at the file's position. Returns false with the reason in errno if it could
+/// write only some or none.
 bool writeAll(int file, std::string_view bytes);
 
 }  // namespace quorvane

@@ -1,5 +1,4 @@
-// Four-character codes: the numbers by which the SMC knows its keys and their types. Callable from
-// any thread.
+// Four-character codes, the numbers of the SMC's keys and types. Callable from any thread.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +8,8 @@ namespace quorvane {
 
 using FourCC = std::uint32_t;
 
-/// The code of a name: its UTF-8 bytes, the first in the most significant place. A longer name
-/// keeps its last four bytes only; a shorter one is not padded.
+/// The code of a name: its UTF-8 bytes, most significant byte first. A longer name keeps its last
+/// four bytes only; a shorter one is not padded.
 constexpr FourCC fourCC(std::string_view name) {
   FourCC code = 0;
   for (const char character : name) code = code << 8 | static_cast<std::uint8_t>(character);

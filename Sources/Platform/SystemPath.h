@@ -1,5 +1,5 @@
-// Where a path of the platform is to be opened. The one place that knows of a relocated system
-// root; callable from any thread.
+// Maps platform paths to the paths to open. Only this module reads QUORVANE_ROOT, the system root;
+// callable from any thread.
 #pragma once
 
 #include <string>
@@ -8,8 +8,7 @@
 namespace quorvane {
 
 /// Maps an absolute platform path ("/run/...", "/Library/...") to the path to open. The identity on
-/// macOS; on Linux the value of QUORVANE_ROOT, when set, is put in front. The environment is read
-/// once, at the first call.
+/// macOS. On Linux it prepends the value that QUORVANE_ROOT has at the first call, if set.
 std::string systemPath(std::string_view path);
 
 }  // namespace quorvane

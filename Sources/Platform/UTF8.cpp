@@ -11,15 +11,14 @@ struct Subpart {
   bool wellFormed;
 };
 
-/// What may stand behind a lead byte: how many trail bytes, and the range of the first one. The
-/// others lie in 80..BF.
+/// The trail bytes of a lead byte: their number, and the range of the first. The others: 80..BF.
 struct Lead {
   std::size_t trailCount;
   std::uint8_t firstTrailMin;
   std::uint8_t firstTrailMax;
 };
 
-/// The rows of table 3-7; a byte that leads nothing has no trail bytes and an empty range.
+/// The rows of table 3-7. A byte that is not a lead byte has no trail bytes and an empty range.
 Lead leadOf(std::uint8_t byte) {
   if (byte >= 0xC2 && byte <= 0xDF) return {1, 0x80, 0xBF};
   if (byte == 0xE0) return {2, 0xA0, 0xBF};
@@ -31,8 +30,7 @@ Lead leadOf(std::uint8_t byte) {
   return {0, 1, 0};
 }
 
-/// The character, or the maximal subpart of an ill-formed one, that a text which is not empty
-/// begins with.
+/// Returns the first character, or the maximal subpart of an ill-formed one, of a non-empty text.
 Subpart firstSubpart(std::string_view text) {
   const auto byteAt = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
   if (byteAt(0) < 0x80) return {1, true};
@@ -51,7 +49,7 @@ bool isSurrogate(char32_t unit, char32_t first) {
   return unit >= first && unit < first + 0x400;
 }
 
-/// A Unicode scalar value, as table 3-6 distributes its bits.
+/// Appends a Unicode scalar value, with its bits laid out as in table 3-6.
 void append(std::string& text, char32_t character) {
   const auto trail = [character](int shift) {
     return static_cast<char>(0x80 | (character >> shift & 0x3F));

@@ -9,10 +9,10 @@ namespace quorvane {
 
 bool isValidUTF8(std::string_view text);
 
-/// The text with each maximal subpart of an ill-formed sequence replaced by one U+FFFD.
+/// Replaces each maximal subpart of an ill-formed sequence by one U+FFFD.
 std::string replacingInvalidUTF8(std::string_view text);
 
-/// The text with each half of a surrogate pair that lacks the other replaced by U+FFFD.
+/// Converts UTF-16 and replaces each unpaired surrogate by U+FFFD.
 std::string toUTF8(std::u16string_view text);
 
 }  // namespace quorvane

@@ -1,6 +1,6 @@
-// XPC as far as the helper uses it: a listener on a Mach service name and the connections it hands
-// to its delegate. On macOS a facade over NSXPCListener and NSXPCConnection; on Linux a Unix socket
-// with an admission of its own. No platform type appears here.
+// The part of XPC that the helper uses: a listener on a Mach service name, and the connections that
+// it passes to its delegate. On macOS a facade over NSXPCListener and NSXPCConnection; on Linux a
+// Unix socket with our own admission. No platform type appears here.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +12,19 @@
 
 namespace quorvane::xpc {
 
-/// What a connection may be asked. There is one interface.
+/// The operations that a connection offers. There is one interface.
 enum class Interface : std::uint8_t { fanControl };
 
-/// An incoming connection. Configured by the delegate on the listener's thread before resume();
-/// afterwards no longer touched by the helper. A connection that was given no requirement, or one
-/// whose text cannot be parsed, admits nobody.
+/// An incoming connection. The delegate configures it on the listener's thread before resume(); the
+/// helper does not use it afterwards. A connection without a requirement, or with one that cannot
+/// be parsed, admits nobody.
 class Connection {
  public:
   virtual ~Connection() = default;
   virtual void setExportedInterface(Interface interface) = 0;
-  /// Calls arrive on a thread of the connection, several connections in parallel.
+  /// Calls arrive on the connection's thread. Several connections run in parallel.
   virtual void setExportedObject(std::shared_ptr<FanControlXPC> object) = 0;
-  /// The peer must satisfy this requirement before anything is delivered to the exported object.
+  /// The peer must satisfy this requirement before a call reaches the exported object.
   virtual void setCodeSigningRequirement(std::string requirement) = 0;
   virtual void resume() = 0;
 };
@@ -32,14 +32,14 @@ class Connection {
 class ListenerDelegate {
  public:
   virtual ~ListenerDelegate() = default;
-  /// Called on the listener's own thread, one connection at a time. False refuses the connection.
+  /// Called on the listener's thread, one connection at a time. Returns false to refuse it.
   virtual bool shouldAcceptNewConnection(Connection& newConnection) = 0;
 };
 
-/// Makes this process the only one to serve the name: launchd's promise on macOS, where this does
-/// nothing; a kernel-held lock on Linux, kept until the process ends. Yields why this process must
-/// not start, which is only ever that another one serves; a lock that cannot be taken for any other
-/// reason is left to Listener::resume().
+/// Makes this process the only one that serves the name. On macOS this is a no-op, because launchd
+/// guarantees it. On Linux it takes a lock of the kernel, held until the process ends. Returns the
+/// reason why this process must not start, if another one serves the name. It ignores any other
+/// failure to take the lock, which Listener::resume() reports.
 [[nodiscard]] std::optional<std::string> claimMachService(const std::string& name);
 
 /// Listens on a Mach service name from resume() until the process ends. Used from the main thread.
@@ -51,7 +51,7 @@ class Listener {
   Listener& operator=(const Listener&) = delete;
 
   void setDelegate(std::shared_ptr<ListenerDelegate> delegate);
-  /// Yields why nobody can connect, or nothing once connections are accepted.
+  /// Accepts connections. Returns nothing on success, else the reason.
   [[nodiscard]] std::optional<std::string> resume();
 
  private:
