@@ -1,5 +1,5 @@
-// quorvane::FanControlXPC as Foundation carries it, for both ends: the protocol, the blocks that
-// take its replies, and its texts. Needs ARC.
+// quorvane::FanControlXPC in Foundation's types, for both ends: the protocol, its reply blocks, and
+// the conversion of texts. Needs ARC.
 #pragma once
 
 #import <Foundation/Foundation.h>
@@ -18,7 +18,7 @@ using OutcomeBlock = void (^)(BOOL success, NSString* _Nullable message);
 using StatusBlock = void (^)(NSDictionary<NSString*, NSString*>* _Nullable status);
 using PingBlock = void (^)(NSString* _Nullable answer);
 
-/// Either end sends what it likes: any object may be absent, the reply block included.
+/// A peer may send nil for any object, also for the reply block.
 @protocol FanControlXPC
 - (void)writeFanKey:(nullable NSString*)key
               value:(std::int64_t)value
@@ -31,14 +31,14 @@ using PingBlock = void (^)(NSString* _Nullable answer);
 
 namespace quorvane::xpc {
 
-/// Nil for a text that is not UTF-8.
+/// Returns nil if the text is not UTF-8.
 inline NSString* _Nullable toNSString(std::string_view text) {
   return [[NSString alloc] initWithBytes:text.data()
                                   length:text.size()
                                 encoding:NSUTF8StringEncoding];
 }
 
-/// In UTF-8, with U+FFFD for what it cannot express; empty for an absent text.
+/// Returns the text in UTF-8, with U+FFFD for each unpaired surrogate; empty for nil.
 inline std::string fromNSString(NSString* _Nullable text) {
   std::u16string units(text.length, u'\0');
   [text getCharacters:reinterpret_cast<unichar*>(units.data()) range:{0, units.size()}];

@@ -1,6 +1,6 @@
-// The facade's own delegate of an NSXPCListener, whatever that listens on: configures each incoming
-// connection as the C++ delegate says, and refuses one that is left without a requirement. Called
-// on the listener's thread. Needs ARC.
+// The facade's delegate of an NSXPCListener of any kind. The C++ delegate configures each
+// connection; the facade refuses one without a requirement. Called on the listener's thread. Needs
+// ARC.
 #pragma once
 
 #import <Foundation/Foundation.h>

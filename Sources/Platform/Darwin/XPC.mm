@@ -1,9 +1,9 @@
-// The XPC facade over Foundation, compiled with ARC. Foundation calls in on the listener's thread
-// and on each connection's; replies go out on whichever thread gives them.
+// The XPC facade over Foundation, compiled with ARC. Foundation calls it on the listener's thread
+// and on each connection's thread. Replies are sent on the thread that gives them.
 //
-// Whatever Foundation calls here, and every reply, is noexcept. Foundation would swallow an
-// exception of either language and drop the message; here it ends the process by std::terminate(),
-// and the last resort frees the fans.
+// Every function that Foundation calls, and every reply, is noexcept. Foundation would swallow an
+// exception of either language and drop the message. Here the exception ends the process by
+// std::terminate(), and the last resort restores the fans.
 #import "Platform/Darwin/ListenerDelegate.h"
 
 #include <cstddef>
@@ -24,19 +24,19 @@ auto endingOnException(const Call& call) noexcept {
   return call();
 }
 
-/// Of one connection, at a time.
+/// The limit for one connection.
 constexpr std::ptrdiff_t maxWaitingRequests = 64;
 using Places = std::counting_semaphore<maxWaitingRequests>;
 using Place = std::shared_ptr<Places>;
 
-/// Holds up the calling thread, which is the connection's own, while as many requests as may wait
-/// for their reply. The place is free again when the last copy of the result is gone.
+/// Blocks the calling thread, the connection's own, while `maxWaitingRequests` requests wait for
+/// their reply. The last copy of the result gives the place back.
 Place take(const std::shared_ptr<Places>& places) {
   places->acquire();
   return {places.get(), [places](Places* taken) { taken->release(); }};
 }
 
-// Dispatch empties its threads' autorelease pools when it pleases, hence pools of our own.
+// Dispatch drains its threads' autorelease pools at unspecified times, so replies use their own.
 
 FanControlXPC::OutcomeReply outcomeReply(OutcomeBlock _Nullable reply, Place place) {
   return [reply, place = std::move(place)](bool success,
@@ -69,7 +69,7 @@ FanControlXPC::PingReply pingReply(PingBlock _Nullable reply) {
 }  // namespace
 }  // namespace quorvane::xpc
 
-/// What a connection exports: the C++ service in the shape that Foundation calls.
+/// The exported object. It passes Foundation's calls on to the C++ service.
 @interface QRVExportedObject : NSObject <FanControlXPC>
 - (nonnull instancetype)initWithService:(std::shared_ptr<quorvane::FanControlXPC>)exported;
 @end
@@ -118,12 +118,12 @@ FanControlXPC::PingReply pingReply(PingBlock _Nullable reply) {
 namespace quorvane::xpc {
 namespace {
 
-/// A connection as the delegate sees it, while the delegate decides.
+/// The delegate's view of a connection. It lives only while the delegate decides.
 class IncomingConnection final : public Connection {
  public:
   explicit IncomingConnection(NSXPCConnection* _Nonnull incoming) : native(incoming) {}
 
-  /// There is one interface, and the protocol is its form here.
+  /// The protocol is Foundation's form of the only interface.
   void setExportedInterface(Interface /*interface*/) override {
     native.exportedInterface = [NSXPCInterface interfaceWithProtocol:@protocol(FanControlXPC)];
   }
@@ -132,7 +132,7 @@ class IncomingConnection final : public Connection {
     native.exportedObject = [[QRVExportedObject alloc] initWithService:std::move(object)];
   }
 
-  /// Foundation raises an exception for a text that it cannot parse.
+  /// Foundation raises an exception if it cannot parse the text.
   void setCodeSigningRequirement(std::string requirement) override {
     [native setCodeSigningRequirement:toNSString(requirement)];
     hasRequirement = true;
@@ -142,7 +142,7 @@ class IncomingConnection final : public Connection {
     if (hasRequirement) [native resume];
   }
 
-  /// Foundation would admit anybody to a connection without a requirement.
+  /// Without a requirement, Foundation would admit anybody.
   [[nodiscard]] bool isGuarded() const { return hasRequirement; }
 
  private:
@@ -194,7 +194,7 @@ class Listener::Implementation {
 
  private:
   NSXPCListener* _Nonnull const listener;
-  /// The listener does not keep its delegate alive.
+  /// The listener does not own its delegate.
   QRVListenerDelegate* _Nullable delegate = nil;
 };
 
@@ -207,7 +207,7 @@ void Listener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
   implementation->setDelegate(std::move(delegate));
 }
 
-/// Foundation reports no failure: a name that launchd does not know is a matter of installation.
+/// Foundation reports no failure. A name unknown to launchd is an error of the installation.
 std::optional<std::string> Listener::resume() {
   implementation->resume();
   return std::nullopt;
