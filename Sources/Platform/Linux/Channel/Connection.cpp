@@ -21,9 +21,9 @@
 namespace quorvane::xpc {
 namespace {
 
-/// Who sent a message, in the kernel's words (unix(7), SCM_CREDENTIALS); nothing when anything else
-/// came with it. The credentials come first and fill the control buffer, so the kernel has no room
-/// to hand over descriptors: it drops them and says so by MSG_CTRUNC.
+/// Returns the sender of a message as the kernel reports it (unix(7), SCM_CREDENTIALS); nothing if
+/// the message carries anything else. The credentials come first and fill the control buffer, so
+/// the kernel has no room for descriptors: it drops them and sets MSG_CTRUNC.
 std::optional<pid_t> soleSender(msghdr& message) {
   const cmsghdr* control = CMSG_FIRSTHDR(&message);
   if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 || control == nullptr ||
@@ -35,8 +35,8 @@ std::optional<pid_t> soleSender(msghdr& message) {
   return credentials.pid;
 }
 
-/// One connection. It belongs to its thread, which outlives every reply still to come: so the
-/// socket is closed there and nowhere else, whatever closing it waits for.
+/// One connection. It belongs to its thread, which outlives every outstanding reply. Only that
+/// thread closes the socket, because closing can block.
 class ServedConnection {
  public:
   ServedConnection(uid_t peerUser, Place inAdmission, std::shared_ptr<Places> placesOfAdmitted,
@@ -46,24 +46,24 @@ class ServedConnection {
         admitted(std::move(placesOfAdmitted)),
         settings(std::move(collected)) {}
 
-  /// Before the thread starts, and after it could not be started.
+  /// Called before the thread starts, and again if it could not be started.
   void exchangeSocket(Descriptor& other) { std::swap(socket, other); }
 
-  /// The thread's work: returns when all replies are given.
+  /// The thread's work. Returns when all replies are given.
   void run() {
     try {
       serve();
     } catch (const std::bad_alloc&) {
-      // Short of memory this connection is lost, and not the daemon that guards the fans.
+      // Without memory only this connection is lost; the guard keeps running.
     }
-    // Replies may be owed for long, but the peer learns of the end at once.
+    // Replies can be outstanding for long, but the peer learns of the end immediately.
     cutOff();
     waitForReplies();
   }
 
   // Callable from any thread.
 
-  /// Never blocks. A peer that does not take what it is sent is cut off.
+  /// Never blocks. Cuts the connection off if the message cannot be sent.
   void send(std::string_view message) {
     const bool isSent =
         message.size() <= maxReplySize &&
@@ -89,7 +89,7 @@ class ServedConnection {
   bool moveToAdmitted();
   std::optional<std::string_view> receive(const Peer& peer);
 
-  /// What the peer queued before this is not read any more.
+  /// Ends the connection. Of the requests that the peer has queued, only pings are still delivered.
   void cutOff() {
     shutdown(socket.get(), SHUT_RDWR);
     const std::lock_guard lock(mutex);
@@ -97,8 +97,8 @@ class ServedConnection {
     changed.notify_one();
   }
 
-  /// Where no more replies may be owed, waits until all of them are given: to wake for each would
-  /// cost more than its request. False once cut off.
+  /// At the limit of outstanding replies, blocks until all of them are given: waking for each would
+  /// cost more than its request. Returns false after cutOff().
   bool waitForTurn() {
     std::unique_lock lock(mutex);
     if (outstandingReplies >= maxOutstandingReplies) {
@@ -112,22 +112,22 @@ class ServedConnection {
     changed.wait(lock, [this] { return outstandingReplies == 0; });
   }
 
-  // In this order: the place is free again only when closing the socket has returned.
+  // In this order: the place is given back only after the socket is closed.
   Place place;
   Descriptor socket;
 
   const uid_t user;
   const std::shared_ptr<Places> admitted;
   const ConnectionSettings settings;
-  std::array<char, maxRequestSize> buffer;  // not set to zero: most of it is never touched
+  std::array<char, maxRequestSize> buffer;  // not zeroed: most of it is never touched
 
-  std::mutex mutex;  // guards what follows
+  std::mutex mutex;  // guards the members below
   std::condition_variable changed;
   int outstandingReplies = 0;
   bool isOver = false;
 };
 
-/// One more reply of the connection, owed until this goes.
+/// An outstanding reply of the connection, until its destruction.
 class OwedReply final : public ReplySink {
  public:
   explicit OwedReply(ServedConnection& owing) : connection(owing) { connection.beginReply(); }
@@ -146,15 +146,14 @@ void ServedConnection::serve() {
     const auto message = receive(peer);
     std::optional<Request> request = message ? decodeRequest(*message) : std::nullopt;
     if (!request) return;
-    // A ping does not go through the queue, so that it does not matter how many requests wait
-    // there.
+    // A ping bypasses the service's queue, so the number of requests that wait there is irrelevant.
     if (!std::holds_alternative<PingRequest>(request->operation) && !waitForTurn()) return;
     deliver(std::move(*request), *settings.object, std::make_shared<OwedReply>(*this));
   }
 }
 
-/// Cheap for a peer that lacks a part of the delegate's consent. The gatekeeper looks at what the
-/// peer runs; the challenge at whether the peer itself is who reads and sends.
+/// Checks the delegate's settings first, because that is cheap. The gatekeeper checks the
+/// executable that the peer runs. The challenge checks that the peer itself reads and sends.
 bool ServedConnection::isAdmitted(const Peer& peer) {
   const Deadline deadline = std::chrono::steady_clock::now() + settings.timeToAdmit;
   return settings.interface && settings.object && settings.requirement &&
@@ -162,9 +161,9 @@ bool ServedConnection::isAdmitted(const Peer& peer) {
          moveToAdmitted();
 }
 
-/// A signed executable is not yet a signed sender: its messages may have been queued before it was
-/// executed, or come from a process that was handed its socket. Only a process that reads the
-/// connection now, and is this one, can echo the nonce.
+/// A signed executable does not prove a signed sender: the messages may have been queued before the
+/// executable started, or come from a process that received the socket. Only a process that reads
+/// the connection now, and is the peer, can echo the nonce.
 bool ServedConnection::echoesChallenge(const Peer& peer, Deadline deadline) {
   Nonce nonce{};
   if (getrandom(nonce.data(), nonce.size(), 0) != static_cast<ssize_t>(nonce.size())) return false;
@@ -175,7 +174,7 @@ bool ServedConnection::echoesChallenge(const Peer& peer, Deadline deadline) {
          limitBlocking(socket.get(), SO_RCVTIMEO, std::nullopt);
 }
 
-/// Exchanges the place in admission for one among the admitted.
+/// Exchanges the place in admission for one among the admitted. Returns false if there is none.
 bool ServedConnection::moveToAdmitted() {
   Place next = admitted->take(user);
   if (!next) return false;
@@ -183,8 +182,7 @@ bool ServedConnection::moveToAdmitted() {
   return true;
 }
 
-/// The next message, when it is one from this process, until the next call; nothing when the
-/// connection must end.
+/// Returns the peer's next message, valid until the next call; nothing if the connection must end.
 std::optional<std::string_view> ServedConnection::receive(const Peer& peer) {
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
   iovec data{buffer.data(), buffer.size()};

@@ -1,6 +1,6 @@
-// The guard's end of one connection: what the delegate settles about it on the listener's thread,
-// and the thread of its own that admits the peer, serves it until either side is done, and closes
-// the socket. The connection ends in silence, whatever the reason; nobody else notices.
+// The guard's end of one connection: the settings from the delegate, collected on the listener's
+// thread, and the connection's own thread. That thread admits the peer, serves it until either side
+// is done, and closes the socket. A connection ends silently and affects no other one.
 #pragma once
 
 #include <chrono>
@@ -15,18 +15,18 @@
 
 namespace quorvane::xpc {
 
-/// A few companions, one for each logged-in user, with room to spare.
+/// One companion for each logged-in user, with room to spare.
 inline constexpr int maxAdmittedConnections = 32;
-/// A quarter. Another quarter is root's alone.
+/// A quarter. Another quarter is reserved for root.
 inline constexpr int maxAdmittedConnectionsOfOneUser = 8;
-/// Peers that have proved nothing yet. Each costs a thread and a gatekeeper.
+/// Peers before admission. Each costs a thread and a gatekeeper.
 inline constexpr int maxConnectionsInAdmission = 16;
 inline constexpr int maxConnectionsInAdmissionOfOneUser = 4;
-/// Requests of one connection that wait for a reply. At this number only pings are read before all
-/// are answered.
+/// Requests of one connection that wait for a reply. At this limit the next request that is not a
+/// ping, and every message after it, waits until all replies are given.
 inline constexpr int maxOutstandingReplies = 64;
-/// Within this time a peer must be through admission. Only reading a large executable from a slow
-/// disk takes a noticeable part of it.
+/// The time limit of an admission. Only reading a large executable from a slow disk takes a
+/// noticeable part of it.
 inline constexpr std::chrono::seconds admissionTimeout{5};
 
 struct ConnectionSettings {
@@ -36,7 +36,7 @@ struct ConnectionSettings {
   std::chrono::milliseconds timeToAdmit = admissionTimeout;
 };
 
-/// What the delegate sees. It collects settings; serving begins once the delegate has accepted.
+/// The delegate's view of a connection. It collects settings, used after the delegate accepts.
 class IncomingConnection final : public Connection {
  public:
   void setExportedInterface(Interface interface) override { settings.interface = interface; }
@@ -52,9 +52,9 @@ class IncomingConnection final : public Connection {
   bool resumed = false;
 };
 
-/// Serves the peer behind a socket that has SO_PASSCRED set, on a thread of its own. The connection
-/// holds the given place until it is admitted, then one of `admitted`, until its socket has been
-/// closed. The socket is taken only if there is a thread: else false.
+/// Serves the socket's peer on a new thread. The connection holds the given place until the peer is
+/// admitted, then one of `admitted` until the socket is closed. If no thread can be started,
+/// returns false and leaves the socket to the caller. REQUIRES: the socket has SO_PASSCRED set.
 [[nodiscard]] bool startServing(Descriptor& socket, uid_t user, Place inAdmission,
                                 std::shared_ptr<Places> admitted, ConnectionSettings settings);
 

@@ -5,7 +5,7 @@
 namespace quorvane::xpc {
 namespace {
 
-/// Calls the operation of each kind of request, with a function that encodes its reply.
+/// Calls a request's operation, with a function that encodes the reply.
 struct Call {
   FanControlXPC& object;
   std::uint32_t number;

@@ -1,5 +1,5 @@
-// A decoded request becomes a call of the exported object, and the object's answer a reply in
-// bytes. No socket and no thread of its own; runs on the thread that calls it.
+// Turns a decoded request into a call of the exported object, and the object's reply into bytes. It
+// has no socket and no thread; it runs on the calling thread.
 #pragma once
 
 #include <memory>
@@ -9,15 +9,15 @@
 
 namespace quorvane::xpc {
 
-/// Where the reply to one request goes. It is destroyed with the last copy of the reply function
-/// that the exported object was given.
+/// Takes the reply to one request. It is destroyed with the last copy of the reply function that
+/// the exported object has received.
 class ReplySink {
  public:
   ReplySink() = default;
   virtual ~ReplySink() = default;
   ReplySink(const ReplySink&) = delete;
   ReplySink& operator=(const ReplySink&) = delete;
-  /// Takes the encoded reply, once, on the thread on which the exported object calls its function.
+  /// Takes the encoded reply, once, on the thread on which the exported object replies.
   virtual void give(std::string_view reply) = 0;
 };
 

@@ -15,11 +15,11 @@
 namespace quorvane::xpc {
 namespace {
 
-/// Closing can hang in the kernel for good, even in an exit. So many kernel stacks take 16 MiB.
+/// Closing can hang in the kernel forever, even in an exit. This many kernel stacks take 16 MiB.
 constexpr std::size_t maxHangingThreads = 1024;
 
-/// The exiting thread and the caller each hold the socket in a table of descriptors of their own
-/// for a moment, so that the caller's close is not the last one.
+/// For a moment the exiting thread and the caller each hold the socket in a descriptor table of
+/// their own, so that the caller's close is not the last one.
 struct Handover {
   std::binary_semaphore isCopied{0};
   std::binary_semaphore isClosed{0};
@@ -51,7 +51,7 @@ bool discard(Descriptor& socket) {
   const auto handover = std::make_shared<Handover>();
   auto argument = std::make_unique<SharedHandover>(handover);
   if (startDetachedThread(holdUntilClosed, argument.get()) != 0) return false;
-  static_cast<void>(argument.release());  // the thread's
+  static_cast<void>(argument.release());  // now owned by the thread
   handover->isCopied.acquire();
   *place = handover->thread;
   if (handover->hasCopy) socket = Descriptor();

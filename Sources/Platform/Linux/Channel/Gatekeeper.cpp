@@ -19,22 +19,22 @@
 namespace quorvane::xpc {
 namespace {
 
-/// Installed in bin, beside the sbin or the bin that the guard is in. Empty when that is not known.
+/// Returns the gatekeeper's path: in bin, beside the guard's sbin or bin; empty if that is unknown.
 std::string programPath() {
   std::error_code error;
   const auto guard = std::filesystem::read_symlink("/proc/self/exe", error);
   return error ? "" : (guard.parent_path() / "../bin/quorvane-codesign").string();
 }
 
-/// The process number of a new gatekeeper, with /dev/null for its standard descriptors and no
-/// others, and with no signal blocked or ignored; 0 without one.
+/// Starts a gatekeeper with /dev/null as its standard descriptors, without other descriptors, and
+/// with no signal blocked or ignored. Returns its process number, or 0 on failure.
 pid_t spawn(const char* program, char* const* arguments, char* const* environment) {
   posix_spawn_file_actions_t files;
   posix_spawn_file_actions_init(&files);
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     posix_spawn_file_actions_addopen(&files, standard, "/dev/null", O_RDWR | O_NOCTTY, 0);
   }
-  // Whatever the guard was started with.
+  // Also the descriptors that the guard inherited.
   posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
@@ -52,13 +52,13 @@ pid_t spawn(const char* program, char* const* arguments, char* const* environmen
   return isStarted ? child : 0;
 }
 
-/// The process number of a new gatekeeper; 0 without one.
+/// Returns the process number of a new gatekeeper, or 0 on failure.
 pid_t startGatekeeper(const Peer& peer, std::string requirement) {
-  // The number is still the peer's: the connection holds a pidfd, and finds the peer alive when it
-  // answers the challenge.
+  // The number is still the peer's: the connection holds a pidfd, and checks that the peer is alive
+  // when it echoes the nonce.
   std::string program = programPath(), name = "quorvane-codesign", command = "admit",
               number = std::to_string(peer.number()), guard = std::to_string(getpid()),
-              // All of the environment that it has a use for.
+              // The only environment variable that it uses.
       root = "QUORVANE_ROOT=" + systemPath("");
   char* const arguments[] = {name.data(),   command.data(), requirement.data(),
                              number.data(), guard.data(),   nullptr};

@@ -1,7 +1,6 @@
-// Finds out whether a peer is who it must be, in a process of its own for each peer. That process
-// opens, reads and parses what the peer controls, so this one does not: a file system that never
-// answers, or a fault in the parsing, costs the guard nothing. Runs on the connection's thread,
-// which waits.
+// Verifies a peer in a separate process, the gatekeeper. The gatekeeper opens, reads and parses
+// what the peer controls, so that the guard does not: a file system that never answers, or a fault
+// in the parsing, does not harm the guard. Blocks the connection's thread, on which it runs.
 #pragma once
 
 #include <string>
@@ -11,10 +10,10 @@
 
 namespace quorvane::xpc {
 
-/// Whether the peer's executable bears a valid signature that satisfies the requirement, as
-/// `quorvane-codesign admit` says before the deadline. The gatekeeper is killed then. The call
-/// returns once the gatekeeper has ended: one that hangs in the kernel cannot be killed, and delays
-/// this peer only. The seam between the channel and code signatures: a test links its own answer.
+/// Returns whether the peer's executable has a valid signature that satisfies the requirement. The
+/// verdict is that of `quorvane-codesign admit`; at the deadline it is killed and the verdict is
+/// false. Returns after the gatekeeper has ended: one that hangs in the kernel cannot be killed,
+/// and delays this peer only. Link-time seam to code signatures: a test links its own verdict.
 bool admits(const Peer& peer, const std::string& requirement, Deadline deadline);
 
 }  // namespace quorvane::xpc

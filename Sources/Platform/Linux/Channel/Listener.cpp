@@ -21,19 +21,19 @@
 namespace quorvane::xpc {
 namespace {
 
-/// How long the listener's thread rests when the kernel cannot give it a connection: long enough
-/// not to burn a processor, short enough for a client that tries again.
+/// The pause of the listener's thread if the kernel cannot give it a connection: long enough to
+/// spare the processor, short enough for a client that retries.
 constexpr std::chrono::seconds exhaustionPause{1};
 
-/// What a connection holds at most: in admission the socket and the pidfds of peer and gatekeeper,
-/// then the first two.
+/// The most descriptors that a connection holds: in admission the socket and the pidfds of peer and
+/// gatekeeper, then the first two.
 constexpr rlim_t descriptorsInAdmission = 3;
 constexpr rlim_t descriptorsAdmitted = 2;
-/// Reserved for the restore, its record and the log: twice what they need at once.
+/// Reserved for the restore, its record and the log: twice what they need at a time.
 constexpr rlim_t descriptorsReserved = 8;
 
-/// How many descriptors peers may take. The kernel gives the lowest number that is free, so those
-/// in use before any peer comes are the listening socket's and the ones below.
+/// Returns the number of descriptors that peers may take. The kernel assigns the lowest free
+/// number, so before any peer comes the listening socket's and the ones below are in use.
 rlim_t descriptorsForPeers(int listening) {
   rlimit limit{};
   const rlim_t taken = static_cast<rlim_t>(listening) + 1 + descriptorsReserved;
@@ -41,8 +41,7 @@ rlim_t descriptorsForPeers(int listening) {
   return limit.rlim_cur - taken;
 }
 
-/// At most `most` places, limited to half the peers' descriptors; one user's share shrinks with
-/// them.
+/// Makes at most `most` places, limited to half the peers' descriptors; a user's share shrinks too.
 std::shared_ptr<Places> makePlaces(int listening, rlim_t descriptorsEach, int most,
                                    int mostOfOneUser) {
   const rlim_t enough = descriptorsForPeers(listening) / 2 / descriptorsEach;
@@ -50,7 +49,7 @@ std::shared_ptr<Places> makePlaces(int listening, rlim_t descriptorsEach, int mo
   return std::make_shared<Places>(total, std::max(1, total * mostOfOneUser / most));
 }
 
-/// Takes what connects and hands it to the delegate, on the listener's thread.
+/// Accepts connections and passes them to the delegate, on the listener's thread.
 class Acceptor {
  public:
   Acceptor(Descriptor listeningSocket, std::shared_ptr<ListenerDelegate> listenerDelegate)
@@ -61,9 +60,9 @@ class Acceptor {
         admitted(makePlaces(listening.get(), descriptorsAdmitted, maxAdmittedConnections,
                             maxAdmittedConnectionsOfOneUser)) {}
 
-  /// Throws nothing but std::bad_alloc.
+  /// Throws std::bad_alloc only.
   void acceptNext() {
-    // Left over, if memory or threads were short.
+    // Left over from a call that was short of memory or threads.
     if (incoming && !discard(incoming)) return rest();
     incoming = Descriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (incoming) {
@@ -90,7 +89,7 @@ class Acceptor {
   const std::shared_ptr<ListenerDelegate> delegate;
   const std::shared_ptr<Places> inAdmission;
   const std::shared_ptr<Places> admitted;
-  /// Not closed here, because that could wait: taken by a connection's thread, or discarded.
+  /// Closing it on this thread could block: a connection's thread or discard() takes it.
   Descriptor incoming;
 };
 
@@ -100,7 +99,7 @@ void* runAcceptor(void* argument) {
     try {
       acceptor.acceptNext();
     } catch (const std::bad_alloc&) {
-      // Short of memory this client is lost, and not the daemon that guards the fans.
+      // Without memory only this client is lost; the guard keeps running.
       Acceptor::rest();
     }
   }
@@ -126,13 +125,13 @@ void Listener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
 std::optional<std::string> Listener::resume() {
   Descriptor listening;
   if (auto reason = openRendezvous(implementation->machServiceName, listening)) return reason;
-  // Were it inherited as ignored, no gatekeeper's verdict could be had (waitid(2)).
+  // If the guard inherited SIGCHLD as ignored, waitid(2) could not return a gatekeeper's verdict.
   signal(SIGCHLD, SIG_DFL);
   auto acceptor = std::make_unique<Acceptor>(std::move(listening), implementation->delegate);
   if (const int error = startDetachedThread(runAcceptor, acceptor.get()); error != 0) {
     return std::string("cannot start the listener's thread: ") + std::strerror(error);
   }
-  // It serves until the process ends, and is not freed then: its thread runs on through exit().
+  // It serves until the process ends and is never freed: its thread still runs during exit().
   static_cast<void>(acceptor.release());
   notifyServiceManager("READY=1");
   return std::nullopt;

@@ -11,7 +11,7 @@ namespace quorvane::xpc {
 namespace {
 
 constexpr std::uint8_t protocolVersion = 2;
-/// A message that belongs to no call bears this number.
+/// The number of a message that belongs to no call.
 constexpr std::uint32_t noCall = 0;
 
 class Writer {
@@ -44,13 +44,13 @@ class Writer {
   std::string bytes;
 };
 
-/// Takes a message apart from its front. Each part is taken whole or, as everything behind it,
-/// counts as missing: only end() says whether the message was well-formed.
+/// Parses a message from its front. An incomplete part reads as missing, and so does every part
+/// after it. Only end() tells whether the message was well-formed.
 class Reader {
  public:
   explicit Reader(std::string_view message) : rest(message) {}
 
-  /// The call number of a message of that kind.
+  /// Reads the header of a message of that kind. Returns its call number.
   std::uint32_t header(MessageKind kind) {
     require(integer<std::uint8_t>() == protocolVersion);
     require(integer<std::uint8_t>() == static_cast<std::uint8_t>(kind));
@@ -92,7 +92,7 @@ class Reader {
   }
 
   void require(bool holds) { isMalformed = isMalformed || !holds; }
-  /// Whether all was as it must be, and nothing is left.
+  /// Returns whether the message was well-formed and ends here.
   [[nodiscard]] bool end() const { return !isMalformed && rest.empty(); }
 
  private:

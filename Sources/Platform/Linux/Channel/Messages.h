@@ -14,8 +14,8 @@
 //
 //   nonce = 32 bytes    bool = 0 | 1    text = length:u16 UTF-8 bytes    text? = 0 | 1 text
 //
-// Nothing is guessed: what is not exactly a message of this form decodes to nothing. Pure
-// functions; callable from any thread. Documentation/channel.md has a worked example.
+// Decoding accepts exactly this form. Pure functions; callable from any thread.
+// Documentation/channel.md has a worked example.
 #pragma once
 
 #include <array>
@@ -30,15 +30,15 @@
 
 namespace quorvane::xpc {
 
-/// A key has four bytes; the rest is room for a wrong one, which a refusal quotes whole.
+/// A key has four bytes. The rest is room for a wrong one, which a refusal quotes whole.
 inline constexpr std::size_t maxRequestSize = 4096;
-/// The longest reply is a status report: its model has at most 4 KiB, and each byte of those that
-/// is not UTF-8 becomes a U+FFFD of three.
+/// The longest reply is a status report. Its model has at most 4 KiB, and each byte of it that is
+/// not UTF-8 becomes a U+FFFD of three bytes.
 inline constexpr std::size_t maxReplySize = 4 * maxRequestSize;
 
 enum class MessageKind : std::uint8_t { challenge = 1, response, request, reply };
 
-/// What a peer must echo to show that it is alive and reads this connection.
+/// A peer must echo it to show that it is alive and reads this connection.
 using Nonce = std::array<std::uint8_t, 32>;
 
 struct WriteFanKeyRequest {
@@ -64,12 +64,12 @@ struct Request {
   Operation operation;
 };
 
-/// `kind` is challenge or response.
+/// REQUIRES: `kind` is challenge or response.
 std::string encodeNonce(MessageKind kind, const Nonce& nonce);
 std::optional<Nonce> decodeNonce(MessageKind kind, std::string_view message);
 
-/// REQUIRES: no text is longer than 65,535 bytes, and a status report has at most
-/// 255 entries. The sender and the receiver keep the bounds above.
+/// REQUIRES: no text is longer than 65,535 bytes, and a status report has at most 255 entries. The
+/// sender and the receiver enforce the bounds above.
 std::string encodeRequest(std::uint32_t callNumber, const Operation& operation);
 std::string encodeReply(std::uint32_t callNumber, const Outcome& outcome);
 std::string encodeReply(std::uint32_t callNumber, const StatusReport& report);
@@ -78,7 +78,7 @@ std::string encodeReply(std::uint32_t callNumber, const std::string& answer);
 /// An absent key decodes to the empty string.
 std::optional<Request> decodeRequest(std::string_view message);
 
-/// The reply to the request of that number: an Outcome, a StatusReport or the answer to a ping.
+/// Decodes the reply to the request of that number: Outcome, StatusReport or the text of a ping.
 template <class Reply>
 std::optional<Reply> decodeReply(std::string_view message, std::uint32_t callNumber);
 

@@ -23,7 +23,7 @@ std::optional<uid_t> userOfPeer(int socket) {
 }
 
 Descriptor openPidfd(pid_t process) {
-  // Not by glibc's name for it: 2.36 declares that without C linkage.
+  // Not pidfd_open(), because glibc 2.36 declares it without C linkage.
   return Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));  // close-on-exec
 }
 

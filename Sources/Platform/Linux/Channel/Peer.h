@@ -1,5 +1,5 @@
-// The process at the other end of a connection, held so that its number alone is never trusted: the
-// kernel gives the number of a process that has ended to another one. Callable from any thread.
+// The process at the other end of a connection, held by a pidfd. Its number alone is not trusted:
+// the kernel gives the number of an ended process to another one. Callable from any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -11,13 +11,13 @@
 
 namespace quorvane::xpc {
 
-/// The user whose process connected the socket (SO_PEERCRED, unix(7)).
+/// Returns the user of the process that connected the socket (SO_PEERCRED, unix(7)).
 std::optional<uid_t> userOfPeer(int socket);
 
-/// A pidfd of the process; none when there is no such process.
+/// Opens a pidfd of the process; empty if there is no such process.
 Descriptor openPidfd(pid_t process);
 
-/// Waits for the end of the process behind a pidfd. False when the time is over before that.
+/// Waits for the end of the process behind a pidfd. Returns false if the time is over first.
 bool waitForEnd(const Descriptor& process, std::chrono::milliseconds timeout);
 
 class Peer {
@@ -25,8 +25,8 @@ class Peer {
   /// The process that connected the socket.
   explicit Peer(int socket);
 
-  /// Whether this process sent a message that was received under the process number: it is alive,
-  /// so nobody else has had its number.
+  /// Returns whether this process sent a message that was received under that process number: it is
+  /// still alive, so no other process has had its number.
   [[nodiscard]] bool hasSent(pid_t number) const;
 
   [[nodiscard]] pid_t number() const { return pid; }

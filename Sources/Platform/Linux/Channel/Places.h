@@ -1,7 +1,7 @@
-// A bounded number of places, so that peers cannot make the helper hold ever more. Each user other
-// than root may have a share of them, and one share is root's alone: so no user takes them all, and
-// root comes in even past a crowd of users. Shared by those who take places and those who hold one;
-// callable from any thread.
+// A bounded number of places, which limits what peers make the guard hold. Each user other than
+// root may have at most one share, and one more share is reserved for root. No user takes all
+// places, and a crowd of users does not exclude root. Shared by those who take places and those who
+// hold one; callable from any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +12,7 @@
 
 namespace quorvane::xpc {
 
-/// A place taken. It is given back, once, when its last copy goes.
+/// A taken place. Its last copy gives it back.
 using Place = std::shared_ptr<const void>;
 
 class Places : public std::enable_shared_from_this<Places> {
@@ -20,7 +20,7 @@ class Places : public std::enable_shared_from_this<Places> {
   Places(int total, int ofOneUser)
       : free(total), freeForUsers(total - ofOneUser), share(ofOneUser) {}
 
-  /// Null when there is none for this user.
+  /// Returns null if there is none for this user.
   [[nodiscard]] Place take(uid_t user) {
     {
       const std::lock_guard lock(mutex);

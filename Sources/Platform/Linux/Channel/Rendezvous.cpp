@@ -22,20 +22,18 @@
 namespace quorvane::xpc {
 namespace {
 
-/// Everybody may connect: admission alone decides who is served.
+/// Everybody may connect; admission decides who is served.
 constexpr mode_t socketMode = 0666;
 constexpr mode_t folderMode = 0755;
-/// Whoever can open the lock file, if only for reading, could hold the lock and so keep the daemon
-/// from starting.
+/// A user who opens the lock file, even to read, could hold the lock and prevent the guard's start.
 constexpr mode_t lockMode = 0600;
-/// Clients that connect while the listener's thread is busy wait here, and further ones in
-/// connect(2).
+/// While the listener's thread is busy, this many clients wait here and further ones in connect(2).
 constexpr int backlog = 16;
 
 /// SO_PASSRIGHTS (include/uapi/asm-generic/socket.h); libc does not know it yet.
 constexpr int passRights = 83;
 
-/// Why the service cannot be had; `isServed` when that is because another process serves it.
+/// Why the service cannot be provided; `isServed` if another process serves it.
 struct Obstacle {
   std::string reason;
   bool isServed = false;
@@ -49,7 +47,7 @@ std::optional<Obstacle> makeFolder(const std::filesystem::path& folder) {
   std::error_code error;
   const bool isNew = std::filesystem::create_directories(folder, error);
   if (error) return obstacle("cannot create ", folder, error.value());
-  // Against a tighter umask. A folder that was there is somebody's decision and stays as it is.
+  // Overrides a tighter umask. A folder that exists keeps its mode, which is somebody's decision.
   if (isNew && chmod(folder.c_str(), folderMode) != 0) {
     return obstacle("cannot let clients into ", folder);
   }
@@ -66,8 +64,8 @@ std::optional<Obstacle> takeLock(const std::string& name, Descriptor& lock) {
   return obstacle("cannot lock ", path);
 }
 
-/// Holds the lock of the name until the process ends; again does nothing. The descriptor belongs to
-/// the isolated thread: nothing that could get stuck holds the lock.
+/// Takes the lock of the name and holds it until the process ends; a no-op if it is held. The
+/// isolated thread owns the descriptor, so that no thread that can hang holds the lock.
 std::optional<Obstacle> holdLock(const std::string& name) {
   static const NoDestructor<std::map<std::string, Descriptor>> held;
   if (held->contains(name)) return std::nullopt;
@@ -96,16 +94,15 @@ std::optional<std::string> openRendezvous(const std::string& name, Descriptor& s
 
   Descriptor listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!listening) return obstacle("cannot make a socket for ", name).reason;
-  // Before anybody can connect: an accepted socket inherits it, so that no message comes without
-  // its sender's credentials.
+  // Before anybody can connect: accepted sockets inherit it, so all messages carry credentials.
   const int on = 1;
   if (setsockopt(listening.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) {
     return obstacle("cannot learn who the clients are of ", name).reason;
   }
-  // Where the kernel can (from Linux 6.16 on), it refuses descriptors that a peer sends along.
+  // From Linux 6.16 on, the kernel then refuses the descriptors that a peer sends.
   const int off = 0;
   setsockopt(listening.get(), SOL_SOCKET, passRights, &off, sizeof off);
-  // The process that held the lock before is gone. It left the name of its socket.
+  // The process that held the lock before is gone, but it left its socket's name.
   unlink(path.c_str());
   if (bind(listening.get(), address->get(), address->size) != 0 ||
       chmod(path.c_str(), socketMode) != 0 || listen(listening.get(), backlog) != 0) {

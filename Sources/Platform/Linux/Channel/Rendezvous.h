@@ -1,6 +1,5 @@
-// Where clients meet the process that serves a Mach service name: a socket in the file system, and
-// beside it the lock that makes this process the only one to listen there. Used from the main
-// thread.
+// Where clients meet the process that serves a Mach service name: a socket in the file system. A
+// lock beside it lets only one process listen there. Used from the main thread.
 #pragma once
 
 #include <optional>
@@ -12,13 +11,13 @@
 
 namespace quorvane::xpc {
 
-/// The socket at which a Mach service of this name is met, below the system root.
+/// Returns the path of a Mach service's socket, below the system root.
 inline std::string machServiceSocketPath(std::string_view name) {
   return systemPath("/run/quorvane/").append(name);
 }
 
-/// Makes `socket` listen at the name's rendezvous, taking the lock if this process does not hold
-/// it yet. Yields why nobody can connect, in one line.
+/// Makes `socket` listen at the name's path. Takes the lock if this process does not hold it yet.
+/// Returns nothing on success, else the reason in one line.
 std::optional<std::string> openRendezvous(const std::string& name, Descriptor& socket);
 
 }  // namespace quorvane::xpc
