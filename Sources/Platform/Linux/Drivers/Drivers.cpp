@@ -1,5 +1,4 @@
-// The drivers of a Linux machine: the fans that the kernel shows, else the simulated SMC when its
-// file is there.
+// The drivers of a Linux machine: the kernel's fans, else the simulated SMC if its file exists.
 #include <unistd.h>
 
 #include <functional>
@@ -15,7 +14,7 @@ namespace {
 
 constexpr const char* smcClass = "AppleSMC";
 
-/// A Mac has several services of the class, of which the helper may take one only.
+/// A Mac has several services of the class. The helper may take only one of them.
 ServiceDescription decoy() {
   return {smcClass, "AppleSMCSensorEndpoint",
           [](std::uint32_t, std::unique_ptr<UserClient>&) { return kIOReturnNotPrivileged; }};

@@ -19,7 +19,7 @@ namespace {
 constexpr std::string_view classFolder = "/sys/class/hwmon";
 constexpr std::string_view entryPrefix = "hwmon";
 
-/// More than the longest text that is of use here, a device's name; the kernel allows a page.
+/// More than a device's name, the longest text of use here; the kernel allows a page.
 constexpr std::size_t textSizeMax = 64;
 
 template <class Call>
@@ -57,7 +57,7 @@ class OpenFolder final : public Folder {
     const ssize_t count =
         untilUninterrupted([&] { return ::write(opened.get(), text.data(), text.size()); });
     if (count < 0) return errno;
-    // To the driver, what one call brings is the whole value.
+    // The driver takes the bytes of one call as the whole value.
     return count == static_cast<ssize_t>(text.size()) ? 0 : EIO;
   }
 
@@ -71,10 +71,10 @@ std::unique_ptr<Folder> openFolder(const std::string& path) {
   return std::make_unique<OpenFolder>(std::move(opened));
 }
 
-/// The device whose entry of the class that is, when it is one of ours.
+/// Returns the device of that class entry, if it is one of ours.
 std::optional<Device> identify(const std::string& entry) {
   Device candidate{&macsmc, openFolder(entry)};
-  // applesmc registers the kernel's older way: no name in the entry, all files with the device.
+  // applesmc registers in the kernel's older way: the entry has no name, the device has all files.
   if (candidate.folder != nullptr && !candidate.folder->has("name")) {
     candidate = {&applesmc, openFolder(entry + "/device")};
   }
@@ -82,7 +82,7 @@ std::optional<Device> identify(const std::string& entry) {
   return candidate;
 }
 
-/// "hwmon" and a number.
+/// Returns the number after "hwmon".
 std::optional<unsigned> entryNumber(std::string_view name) {
   if (!name.starts_with(entryPrefix)) return std::nullopt;
   name.remove_prefix(entryPrefix.size());

@@ -16,12 +16,12 @@ using smc::CallResult;
 using smc::Command;
 using smc::Record;
 
-// SMC results beyond those that all drivers share.
+// SMC results of this driver only.
 constexpr std::uint8_t resultOther = 1;
 constexpr std::uint8_t resultInvalid = 137;
 constexpr std::uint8_t resultTimeout = 183;
 
-/// What a failed access to a file is answered with; `denied` when it was not allowed.
+/// Returns the result of an access to a file; `denied` if the access was not allowed.
 CallResult withError(int error, std::uint8_t denied) {
   switch (error) {
     case 0:
@@ -54,7 +54,7 @@ enum class Kind : std::uint8_t { fanCount, speed, mode };
 struct HwmonSMC::Key {
   Kind kind = Kind::fanCount;
   unsigned fan = 0;
-  /// What it is read from and written to.
+  /// The file that it is read from and written to.
   std::string file;
   smc::KeyDescription info;
 };
@@ -79,7 +79,7 @@ kern_return_t HwmonSMC::callStructMethod(std::uint32_t selector, const void* inp
   return smc::send(serve(*request), output, outputSize);
 }
 
-/// A driver that was loaded again starts with flags of its own, whatever the SMC's modes are.
+/// A reloaded driver starts with its own flags, not with the SMC's modes: forget `handedBack`.
 bool HwmonSMC::bindDevice() {
   if (device && device->isPresent()) return true;
   device = find();
@@ -184,16 +184,16 @@ int HwmonSMC::writeTarget(unsigned fan, double rpm) {
   if (allowed.error != 0) return allowed.error;
   const KernelDriver& driver = *device->driver;
   const long target = std::lround(std::clamp<double>(rpm, allowed.low, allowed.high));
-  // There a 0 would hand the fan back, and not stop it.
+  // Without a mode file, 0 would hand the fan back, not stop it.
   if (driver.mode.empty() && target == 0) return EINVAL;
   const int error = device->folder->write(fileOf(fan, driver.target), std::to_string(target));
-  // The SMC may have entered manual mode and only its answer been lost, with the flag left unset.
+  // The SMC may have entered manual mode although its response was lost and the flag is unset.
   if (error != 0) handedBack.reset(fan);
   return error;
 }
 
 /// The driver leaves manual mode only if its own flag says manual. The flag starts as automatic,
-/// whatever the SMC's mode is, so the first release has to set it: by a target, the present one.
+/// whatever the SMC's mode is, so the first hand-back sets it by writing the present target.
 int HwmonSMC::handBack(unsigned fan) {
   const std::string target = fileOf(fan, device->driver->target);
   const auto leave = [&] { return device->folder->write(target, "0"); };
@@ -201,7 +201,7 @@ int HwmonSMC::handBack(unsigned fan) {
 
   const int entered = writeTarget(fan, std::max(number(target).value, 1U));  // 0 would not set it
   int left = leave();
-  // A fan that was automatic is forced now, and by us: one failure must not leave it so.
+  // The first write may have forced an automatic fan: one failure must not leave it forced.
   if (left != 0) left = leave();
   if (entered == 0 && left == 0) handedBack.set(fan);
   return entered != 0 ? entered : left;

@@ -1,19 +1,19 @@
-// The user client in front of the kernel's fan files: it answers the AppleSMC driver's records for
+// The user client in front of the kernel's fan files. It serves the AppleSMC driver's records for
 // the keys "FNum" and, of each fan, "F0Ac", "F0Mn", "F0Mx", "F0Tg" (rpm) and "F0Md" (the mode, 0
-// automatic, 1 forced). Key F0 is the kernel's fan1. Nothing is kept but which fans are known to
-// have been handed back; every call asks the files anew. Calls come from one thread at a time.
+// automatic, 1 forced). Key F0 is the kernel's fan1. Every call reads the files anew; the client
+// remembers only which fans are known to be handed back. Calls come from one thread at a time.
 //
 // SMC results: 132 no such key or file, 133 not readable, 134 not writable, 135 another size or
-// type than the key's, 137 a value that is refused, 183 the SMC did not answer in time, 1 anything
-// else. Kernel errors: kIOReturnBadArgument for a call that is not the driver's, kIOReturnNoDevice
-// when the device has gone; when it is back, the next call finds it.
+// type than the key's, 137 a refused value, 183 no reply from the SMC in time, 1 any other error.
+// Kernel errors: kIOReturnBadArgument for a call that is not the driver's, kIOReturnNoDevice while
+// the device is gone; the next call after its return finds it.
 //
-// A target is brought within the fan's limits as they are at that moment; none is written when they
-// cannot be read or contradict each other.
+// A target is clamped to the fan's present limits. It is not written if they cannot be read or
+// contradict each other.
 //
-// macsmc_hwmon has no mode file: the mode is written through the target, cannot be read (133), and
-// each fan's first release, and the first after a target that failed, is made sure of. A target
-// that comes to 0 is refused there (137): it would hand the fan back, not stop it.
+// macsmc_hwmon has no mode file: the mode is written through the target and cannot be read (133).
+// Each fan's first hand-back, and the first after a failed target, also sets the driver's own flag.
+// A target that becomes 0 is refused there (137): it would hand the fan back, not stop it.
 #pragma once
 
 #include <bitset>
@@ -27,9 +27,9 @@
 
 namespace quorvane::hwmon {
 
-/// As many as have names of four characters for their keys. Fans past them, or past a gap in the
-/// kernel's numbers (which no driver leaves), are neither counted nor offered: whatever can be
-/// forced is in the count, and so in every restore.
+/// The number of fans with key names of four characters. Fans beyond these, or after a gap in the
+/// kernel's numbers (no driver leaves one), are neither counted nor offered. The count, and so
+/// every restore, includes every fan that can be forced.
 inline constexpr unsigned fanCountMax = 10;
 
 class HwmonSMC final : public iokit::UserClient {
@@ -51,7 +51,7 @@ class HwmonSMC final : public iokit::UserClient {
   [[nodiscard]] smc::CallResult read(const Key& key) const;
   smc::CallResult write(const Key& key, const smc::Data& data);
 
-  // All yield 0 or an errno value, in Number and Limits as a field. Fans count from 0.
+  // Each returns 0 or an errno value, Number and Limits in a field. Fans count from 0.
   [[nodiscard]] Number number(const std::string& file) const;
   [[nodiscard]] Limits limits(unsigned fan) const;
   int writeMode(unsigned fan, unsigned mode);
@@ -60,7 +60,7 @@ class HwmonSMC final : public iokit::UserClient {
 
   const DeviceFinder find;
   std::optional<Device> device;
-  /// On macsmc_hwmon: fans whose driver's own flag is known to follow the SMC's mode.
+  /// On macsmc_hwmon: the fans whose driver's own flag is known to follow the SMC's mode.
   std::bitset<fanCountMax> handedBack;
 };
 

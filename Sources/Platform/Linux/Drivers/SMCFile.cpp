@@ -54,7 +54,7 @@ int lock(int descriptor) {
   return 0;
 }
 
-/// 0 or an errno value. A write to a regular file that stops short has no room left.
+/// Returns 0 or an errno value. A short write to a regular file means that no room is left.
 int writeWhole(int descriptor, const FileBytes& bytes) {
   const ssize_t count = pwrite(descriptor, bytes.data(), bytes.size(), 0);
   if (count < 0) return errno;
@@ -87,8 +87,8 @@ int SMCFile::create(const std::string& path, const SMCMachine& machine) {
   const Descriptor created(mkostemp(temporary.data(), O_CLOEXEC));
   if (!created) return errno;
   int error = writeWhole(created.get(), encode(machine));
-  // The mode stays 0600, as mkostemp(3) has it: whoever can open the file, if only for reading, can
-  // hold its lock, and so hold up a restore.
+  // The mode stays 0600, as mkostemp(3) sets it: a user who can open the file, even for reading
+  // only, can hold its lock and so block a restore.
   if (error == 0 && rename(temporary.c_str(), path.c_str()) != 0) error = errno;
   if (error != 0) unlink(temporary.c_str());
   return error;

@@ -1,6 +1,6 @@
-// The file in which a simulated machine lives, one for all processes that use it. Opened, locked,
-// read and closed anew for each call, so that nobody holds stale state; a holder that stops holds
-// up the others, like hardware that does not answer. An object is for one thread.
+// The file of a simulated machine, shared by all processes that use it. Each call opens, locks,
+// reads and closes it, so no process has stale state. A holder that stops blocks the others, like
+// hardware that does not respond. An object is for one thread.
 //
 // All numbers little-endian:
 //
@@ -23,28 +23,28 @@
 
 namespace quorvane::simulation {
 
-/// The system path of the file.
+/// The file's path, below the system root.
 inline constexpr std::string_view smcPath = "/var/lib/quorvane/smc";
 
 class SMCFile {
  public:
   enum class Access { read, change };
 
-  /// Waits for the lock and reads the machine. 0, or an errno value: ENOENT without a file, EBADMSG
-  /// for one that is cut short or holds something else. To be called once.
+  /// Waits for the lock and reads the machine. Returns 0 or an errno value: ENOENT if there is no
+  /// file, EBADMSG if it is truncated or has other content. Called once.
   int open(const std::string& path, Access access);
 
-  /// Writes the machine back. 0 or an errno value. REQUIRES: open for change.
+  /// Writes the machine back. Returns 0 or an errno value. REQUIRES: open for change.
   int save() const;
 
-  /// Puts a file with that machine at the path, at once and in the place of one that is there; a
-  /// missing folder is made. 0 or an errno value.
+  /// Creates the file with that machine, or replaces it atomically. Creates a missing folder.
+  /// Returns 0 or an errno value.
   static int create(const std::string& path, const SMCMachine& machine);
 
   SMCMachine machine;
 
  private:
-  Descriptor file;  // closing it gives the lock back
+  Descriptor file;  // closing it releases the lock
 };
 
 }  // namespace quorvane::simulation

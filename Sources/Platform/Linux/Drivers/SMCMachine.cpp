@@ -12,7 +12,7 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-/// The key of the same fan with another suffix: the upper half of the code names the fan.
+/// The key of the same fan with another suffix; the upper half of the code identifies the fan.
 FourCC sibling(FourCC fanKey, std::string_view suffix) {
   return (fanKey & 0xFFFF0000U) | fourCC(suffix);
 }
@@ -41,7 +41,7 @@ bool isActualSpeed(const Key& key) {
 
 double loadActual(const Data& data) {
   const auto speed = load<double>(data);
-  // The bytes come from a file, in which anything may stand. NaN fails the comparison, too.
+  // The bytes come from a file, which can contain anything. NaN fails the comparison, too.
   return std::abs(speed) <= std::numeric_limits<float>::max() ? speed : 0;
 }
 
@@ -96,7 +96,7 @@ SMCMachine SMCMachine::fresh(unsigned fanCount, FourCC speedType) {
   };
   addByte(fourCC("FNum"), readOnly, static_cast<std::uint8_t>(fanCount));
   for (unsigned fan = 0; fan < fanCount; ++fan) {
-    // No two fans are alike, so that a mix-up of fans shows.
+    // The fans differ, so that a mix-up of fans shows.
     const double low = 1350 + 50.0 * fan;
     addSpeed(fanKey(fan, "Ac"), readOnly, low);
     addSpeed(fanKey(fan, "Tg"), readWrite, low);
@@ -151,13 +151,13 @@ double SMCMachine::goal(FourCC fanKey) const {
 double SMCMachine::actual(const Key& key, nanoseconds now) const {
   const double from = loadActual(key.data);
   const double to = goal(key.code);
-  // Time that went back means another boot since: the fan arrived long ago.
+  // A time before `changedAt` means a reboot since: the fan reached its goal long ago.
   if (now < changedAt) return to;
   const double reach = slope * std::chrono::duration<double>(now - changedAt).count();
   return from + std::clamp(to - from, -reach, reach);
 }
 
-/// Puts the present speeds into the fans' keys. Must come before whatever changes a goal.
+/// Stores the present speeds in the fans' keys. Must precede every change of a goal.
 void SMCMachine::settle(nanoseconds now) {
   for (Key& key : slots) {
     if (isActualSpeed(key)) key.data = store(actual(key, now));

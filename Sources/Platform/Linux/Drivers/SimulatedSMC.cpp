@@ -63,7 +63,7 @@ std::string traceLine(const Record& request, const CallResult& answer) {
   const bool hasData =
       command == Command::write || (command == Command::read && answer.isSuccess());
   const std::string bytes = hex(data.data(), std::min<std::size_t>(request.size, data.size()));
-  char line[192];  // Enough for the longest: 32 data bytes, and a name of four unprintable ones.
+  char line[192];  // Enough for 32 data bytes and a key of four unprintable characters.
   std::snprintf(line, sizeof line, "%s %s %u %08x %u %s -> %d %u\n", nameOf(command),
                 printable(request.key).c_str(), shown.size, shown.type, shown.attributes,
                 hasData && !bytes.empty() ? bytes.c_str() : "-", answer.status,
@@ -71,8 +71,7 @@ std::string traceLine(const Record& request, const CallResult& answer) {
   return line;
 }
 
-/// One write a line, so that lines of several processes never mix. A trace that cannot be written
-/// changes nothing for the caller.
+/// Writes a line with one call, so that lines of several processes never mix. Ignores a failure.
 void appendToTrace(const std::string& path, const Record& request, const CallResult& answer) {
   const Descriptor trace = openFile(path, O_WRONLY | O_APPEND);
   if (!trace) return;
@@ -94,7 +93,7 @@ kern_return_t SimulatedSMC::callStructMethod(std::uint32_t selector, const void*
       file, request->command == Command::write ? SMCFile::Access::change : SMCFile::Access::read);
   const CallResult answer =
       error != 0 ? withStatus(kernelReturn(error)) : serve(*request, opened, monotonicTime());
-  // The lock is still held: lines come in the order of effects.
+  // The lock is still held, so lines come in the order of effects.
   appendToTrace(file + ".trace", *request, answer);
   return smc::send(answer, output, outputSize);
 }

@@ -1,20 +1,20 @@
-// The user client of the simulated SMC: 80-byte records in and out, as the AppleSMC driver has them
-// at selector 2, over the machine in a file. Every process that opens one sees the same machine.
+// The user client of the simulated SMC: the AppleSMC driver's 80-byte records at selector 2, over
+// the machine in a file. All processes that open one see the same machine.
 //
-// Commands: 5 reads a key, 6 writes one, 9 asks for its size, type and attributes.
-// SMC results: 132 no such key, 133 not readable, 134 not writable, as hardware answers; 135, by
-// our choice, when a read or write quotes another size or type than the key's own. An injected
-// failure goes before all of them but 132, and only for reads and writes: the key's info stays
-// available, as helpers keep it and would never come to the failing call otherwise. Kernel errors:
-// kIOReturnBadArgument for another selector, command or record size, kIOReturnNoDevice when the
-// file is gone, kIOReturnNotPrivileged when the process may not open it, kIOReturnError for any
-// other trouble with it: cut short, garbage, no room on the disk.
+// Commands: 5 reads a key, 6 writes one, 9 returns its size, type and attributes.
+// SMC results: 132 no such key, 133 not readable, 134 not writable, as on hardware; 135, by our
+// choice, if a read or write has another size or type than the key. An injected failure precedes
+// all of them except 132. It affects reads and writes only: helpers read a key's info first, keep
+// it, and would otherwise never reach the failing call.
+// Kernel errors: kIOReturnBadArgument for another selector, command or record size,
+// kIOReturnNoDevice if the file is gone, kIOReturnNotPrivileged if the process may not open it,
+// kIOReturnError for any other failure of the file: truncated, garbage, no room on the disk.
 //
 // Trace: while a file "smc.trace" lies beside the machine's file, each call with a known command
-// appends one line to it, in the order of effects across processes, as far as it can be written:
+// appends one line to it, if possible, in the order of effects across processes:
 //   write F0Tg 4 666c7420 192 00401c45 -> 0 0
-// operation, key, size, type, attributes (as quoted; for `info` as answered), the data written or
-// read, or `-`, and what the call answered: kernel return and SMC result.
+// operation, key, size, type, attributes (of the request; for `info` of the reply), the data
+// written or read or `-`, then the kernel return code and the SMC result.
 #pragma once
 
 #include <string>
