@@ -24,7 +24,7 @@ int noPassphrase(char* /*buffer*/, int /*size*/, int /*rwflag*/, void* /*context
   return -1;
 }
 
-/// What a file contains: nothing when it cannot be read. Null when memory is short.
+/// Returns the content of a file, empty if it cannot be read; null if memory is short.
 Source contentsOf(const std::string& path) {
   const Bytes bytes =
       readWhole(openRegular(openFile(path, O_PATH)), maxPEMFileSize).value_or(Bytes());
@@ -36,7 +36,7 @@ Source contentsOf(const std::string& path) {
 }  // namespace
 
 void initialiseLibcrypto() {
-  // Nothing at exit either: the process gives up all it has in one go.
+  // No cleanup at exit: the end of the process frees everything.
   [[maybe_unused]] static const int done =
       OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
 }
@@ -49,7 +49,7 @@ std::vector<Certificate> readCertificates(const std::string& path) {
     if (!certificate) break;
     certificates.push_back(std::move(certificate));
   }
-  ERR_clear_error();  // as which libcrypto counts the end of the file
+  ERR_clear_error();  // libcrypto counts the end of the file as an error
   return certificates;
 }
 

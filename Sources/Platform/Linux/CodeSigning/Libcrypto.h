@@ -1,4 +1,4 @@
-// What signing and verifying share of libcrypto: owners for its objects, what lies in PEM files,
+// What signing and verifying share of libcrypto: owners for its objects, the content of PEM files,
 // the digest of a file. Callable from any thread.
 #pragma once
 
@@ -15,7 +15,7 @@
 
 namespace quorvane::codesigning {
 
-/// Owns an object of libcrypto, which `release` frees: an integral_constant calls what it holds.
+/// Owns an object of libcrypto and frees it with `release`, which the integral_constant calls.
 template <class Object, auto release>
 using OpenSSLPointer = std::unique_ptr<Object, std::integral_constant<decltype(release), release>>;
 
@@ -24,21 +24,21 @@ using Source = OpenSSLPointer<BIO, BIO_free>;
 using Certificate = OpenSSLPointer<X509, X509_free>;
 using Key = OpenSSLPointer<EVP_PKEY, EVP_PKEY_free>;
 
-/// Must come before any other use of libcrypto in the process: it keeps configuration files and
-/// the environment from changing what is accepted.
+/// Keeps configuration files and the environment from changing what libcrypto accepts. Must come
+/// before any other use of libcrypto in the process.
 void initialiseLibcrypto();
 
-/// The certificates in a PEM file of at most 64 KiB, up to the first that cannot be read; blocks of
-/// other kinds are passed over.
+/// Returns the certificates in a PEM file of at most 64 KiB, up to the first that cannot be read.
+/// Skips blocks of other kinds.
 std::vector<Certificate> readCertificates(const std::string& path);
 
-/// The private key in such a file; null also when it takes a passphrase.
+/// Returns the private key in such a file; null also if it needs a passphrase.
 Key readKey(const std::string& path);
 
-/// In DER; empty when memory is short.
+/// Returns the encoding in DER; empty if memory is short.
 Bytes encodingOf(const CMS_ContentInfo& cms);
 
-/// SHA-256 of the first `size` bytes as hexadecimal digits; empty when they cannot all be read.
+/// Returns the SHA-256 of the first `size` bytes in hexadecimal; empty if any cannot be read.
 std::string sha256Of(int file, std::uint64_t size);
 
 }  // namespace quorvane::codesigning

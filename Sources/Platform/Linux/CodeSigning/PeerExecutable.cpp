@@ -22,7 +22,7 @@ bool isSameFile(int folder, const char* path, const char* other) {
 Descriptor openPeerExecutable(pid_t pid) {
   const Descriptor folder = openFile("/proc/" + std::to_string(pid), O_PATH | O_DIRECTORY);
   const Descriptor executable = openFileAt(folder.get(), "exe", O_PATH);
-  // After the opening: a process that is in our namespaces then has never been in others.
+  // After the opening: a process that is in our namespaces now has never been in others.
   const bool isGenuine = isSameFile(folder.get(), "ns/user", "/proc/self/ns/user") &&
                          isSameFile(folder.get(), "ns/pid", "/proc/self/ns/pid");
   return isGenuine ? openRegular(executable).descriptor : Descriptor();

@@ -1,6 +1,6 @@
-// Opening files that others may have put in place. A file is first taken as a place in the file
-// system only (O_PATH, open(2)), which wakes no terminal, fifo or lease; a regular one is then
-// opened for reading. A file system that does not answer still holds the caller up.
+// Opens files that others may have created. First it opens only the place in the file system
+// (O_PATH, open(2)), which wakes no terminal, fifo or lease; then it opens a regular file for
+// reading. A file system that does not respond still blocks the caller.
 #pragma once
 
 #include <cstddef>
@@ -15,27 +15,27 @@ namespace quorvane::codesigning {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// A place without any symbolic link on the way to it or in it.
+/// Opens a place. Fails if any part of the path, its end included, is a symbolic link.
 Descriptor openWithoutLinks(const std::string& path);
 
 struct RegularFile {
   /// Open for reading.
   Descriptor descriptor;
-  /// What is wrong, to follow the file's name in a sentence; null when it is open.
+  /// The problem, as text that follows the file's name in a sentence; null if the file is open.
   const char* problem = nullptr;
 };
 
-/// Opens what lies at a place. An empty descriptor stands for a place that could not be had; errno
-/// then still says why.
+/// Opens the file at a place. An empty descriptor means a place that could not be opened; errno
+/// must still have the reason.
 RegularFile openRegular(const Descriptor& place);
 
-/// Nothing when there are more than maxSize bytes.
+/// Returns nothing if there are more than maxSize bytes.
 std::optional<Bytes> readWhole(const RegularFile& file, std::size_t maxSize);
 
-/// Nothing when it cannot be told.
+/// Returns nothing if the size is unknown.
 std::optional<std::uint64_t> sizeOf(int file);
 
-/// Where an open file lies, as an absolute path; empty when it cannot be told.
+/// Returns the absolute path of an open file; empty if it is unknown.
 std::string pathOf(int file);
 
 }  // namespace quorvane::codesigning

@@ -5,11 +5,10 @@
 namespace quorvane::codesigning {
 namespace {
 
-/// Recursive descent, one token ahead, that evaluates as it parses; what the result no longer
-/// depends on is parsed all the same, and once the text has turned out malformed no result counts.
-/// A token is a word, a string with its quotes or a single other byte; the empty token is the end.
-/// What is no token of the language (a lone quote, a stray byte) is accepted nowhere and so ends
-/// the parse.
+/// A recursive-descent parser with one token of lookahead. It evaluates as it parses, and also
+/// parses parts that cannot change the result: a malformed text has no result. A token is a word, a
+/// string with its quotes or a single other byte; the empty token is the end. A byte outside the
+/// language (a lone quote, a stray byte) is never accepted, which ends the parse.
 class Evaluation {
  public:
   Evaluation(std::string_view text, const Identity& signer) : rest(text), identity(signer) {
@@ -43,7 +42,7 @@ class Evaluation {
     if (accept("anchor")) {
       expect("apple");
       expect("generic");
-      return true;  // or the signer would not have become an Identity
+      return true;  // otherwise the signer would not be an Identity
     }
     if (accept("certificate")) {
       for (const char* next : {"leaf", "[", "subject.OU", "]", "="}) expect(next);
@@ -53,7 +52,7 @@ class Evaluation {
     return takeString(identity.identifier);
   }
 
-  /// Takes the next token, which must be a string. Whether it is this one.
+  /// Takes the next token, which must be a string. Returns whether it equals `value`.
   bool takeString(const std::optional<std::string>& value) {
     const bool isString = token.size() >= 2 && token.front() == '"';
     isMalformed = isMalformed || !isString;

@@ -1,4 +1,4 @@
-// The code-signing requirement language as far as it is used here, and the identity that it is
+// The part of the code-signing requirement language that is used here, and the identity that it is
 // evaluated against. Pure values; callable from any thread.
 #pragma once
 
@@ -9,25 +9,23 @@
 
 namespace quorvane::codesigning {
 
-/// Who signed an executable, once its signature has been verified up to an installed anchor: only
-/// such signatures become a Identity.
+/// The signer of an executable. Only a signature verified up to an installed anchor yields one.
 struct Identity {
   std::string identifier;
-  /// The organisational unit of the leaf certificate's subject; nothing when it has none or
-  /// several.
+  /// The only organisational unit of the leaf certificate's subject, if there is one of valid text.
   std::optional<std::string> leafOrganizationalUnit;
-  /// When the first certificate of the chain expires, for people; no requirement asks for it.
+  /// When the first certificate of the chain expires, for people; no requirement tests it.
   std::string validUntil = {};
 };
 
 /// Ten times what the requirements in use need.
 inline constexpr std::size_t maxRequirementLength = 2048;
-/// Parentheses within parentheses; each level is a level of recursion.
+/// Nested parentheses; each level is a level of recursion.
 inline constexpr int maxRequirementNesting = 16;
 
-/// Whether the identity satisfies the requirement: nobody does when any part of the text is not of
-/// the language. Strings are compared exactly, byte for byte. The grammar, with `and` binding
-/// tighter than `or` and white space free between tokens:
+/// Returns whether the identity satisfies the requirement; false if any part of the text is not of
+/// the language. Strings are compared byte for byte. In this grammar `and` binds tighter than `or`,
+/// and white space is free between tokens:
 ///
 ///     requirement = conjunction { "or" conjunction }
 ///     conjunction = term { "and" term }
@@ -35,7 +33,7 @@ inline constexpr int maxRequirementNesting = 16;
 ///                 | "certificate" "leaf" "[" "subject.OU" "]" "=" string
 ///                 | "identifier" string
 ///                 | "(" requirement ")"
-///     string      = '"' { any byte but '"' and '\' } '"'
+///     string      = '"' { any byte except '"' and '\' } '"'
 bool requirementHolds(std::string_view text, const Identity& identity);
 
 }  // namespace quorvane::codesigning

@@ -9,8 +9,8 @@ constexpr std::string_view hexDigits = "0123456789abcdef";
 constexpr std::string_view identifierBytes =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-";
 
-/// Takes a line with its LF off the text, and yields what follows the label; empty when the text
-/// begins with no such line.
+/// Takes a line with its LF off the text. Returns what follows the label; empty if the text does
+/// not begin with such a line.
 std::string_view takeLine(std::string_view& text, std::string_view label) {
   const std::size_t end = text.find('\n');
   if (end == std::string_view::npos || !text.starts_with(label)) return {};
@@ -43,7 +43,7 @@ std::optional<SignatureContent> SignatureContent::parse(std::string_view text) {
   const std::string_view digits = takeLine(rest, "size: ");
   std::from_chars(digits.data(), digits.data() + digits.size(), content.size);
   content.sha256 = takeLine(rest, "sha256: ");
-  // Whatever was not as it must be, this content has another text.
+  // If any part had another form, the text of this content differs.
   if (!isIdentifier(content.identifier) || !isDigest(content.sha256) || content.text() != text) {
     return std::nullopt;
   }

@@ -23,14 +23,14 @@
 namespace quorvane::codesigning {
 namespace {
 
-/// Read on every admission, so that memory and time stay small whatever was installed.
+/// Limits the memory and time of an admission, which reads all anchor files.
 constexpr std::size_t maxAnchorFiles = 16;
-/// Certificates between the leaf and the anchor; in practice there is none or one.
+/// Certificates between the leaf and the anchor; in practice none or one.
 constexpr int maxIntermediates = 4;
-/// 112 bits: RSA from 2048 bits on, and no SHA-1 or MD5 in any certificate
+/// 112 bits: RSA of at least 2048 bits, and no SHA-1 or MD5 in any certificate
 /// (SSL_CTX_set_security_level(3) lists the levels).
 constexpr int authenticationLevel = 2;
-/// That level would let P-224 pass.
+/// Authentication level 2 alone would accept P-224.
 constexpr int minEllipticCurveBits = 256;
 
 void releaseCertificates(STACK_OF(X509) * certificates) {
@@ -42,7 +42,8 @@ std::string_view textOf(const ASN1_STRING& string) {
   return {static_cast<const char*>(bytes), static_cast<std::size_t>(ASN1_STRING_length(&string))};
 }
 
-/// The subject's only organisational unit, of one of the two types that RFC 5280, 4.1.2.4 asks for.
+/// Returns the subject's only organisational unit, if it has one of the two types that RFC 5280,
+/// 4.1.2.4 asks for.
 std::optional<std::string> organizationalUnitOf(const X509& certificate) {
   const X509_NAME* subject = X509_get_subject_name(&certificate);
   const int index = X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, -1);
@@ -62,7 +63,7 @@ bool isKeyTooShort(X509* certificate) {
   return EVP_PKEY_get_base_id(key) == EVP_PKEY_EC && EVP_PKEY_get_bits(key) < minEllipticCurveBits;
 }
 
-/// "2027-11-23 08:00:00 UTC"; empty when that cannot be said.
+/// Returns the time as "2027-11-23 08:00:00 UTC"; empty on failure.
 std::string textOf(const ASN1_TIME* time) {
   std::tm utc{};
   char text[sizeof "2027-11-23 08:00:00 UTC"] = {};
@@ -71,15 +72,14 @@ std::string textOf(const ASN1_TIME* time) {
   return text;
 }
 
-/// libcrypto has no purpose for code signing before 3.2.
+/// libcrypto before 3.2 has no purpose for code signing.
 bool mayIssueForCodeSigning(X509* certificate) {
   return (X509_get_extension_flags(certificate) & EXFLAG_XKUSAGE) == 0 ||
          (X509_get_extended_key_usage(certificate) & (XKU_CODE_SIGN | XKU_ANYEKU)) != 0;
 }
 
-/// One verification: each step relies on those before it, and the first that fails names the
-/// reason. Cheap steps come first; the executable is hashed for nobody but a signer that an anchor
-/// vouches for.
+/// One verification. Each step relies on the steps before it, and the first that fails gives the
+/// reason. Cheap steps come first: the executable is hashed once its signer's chain is verified.
 class Verification {
  public:
   Verification(int opened, const std::vector<std::string>& anchors)
@@ -112,7 +112,7 @@ class Verification {
            refuse("the signature does not enclose its content");
   }
 
-  /// Also holds the signature to SHA-256, whatever libcrypto would still accept.
+  /// Also requires SHA-256, because libcrypto accepts other digests.
   bool findSigner() {
     STACK_OF(CMS_SignerInfo)* const signers = CMS_get0_SignerInfos(cms.get());
     if (sk_CMS_SignerInfo_num(signers) != 1) {
@@ -128,7 +128,7 @@ class Verification {
     return OBJ_obj2nid(algorithm) == NID_sha256 || refuse("the signature is not over SHA-256");
   }
 
-  /// For an extension that is absent, the getters yield all bits.
+  /// The getters return all bits for an absent extension.
   bool leafMaySignCode() {
     const std::uint32_t present = X509_get_extension_flags(leaf);
     const bool isForCode = (X509_get_extended_key_usage(leaf) & XKU_CODE_SIGN) != 0;
@@ -139,8 +139,8 @@ class Verification {
             refuse("the certificate is not for digital signatures"));
   }
 
-  /// Only the enclosed certificates and the anchors build the chain, and it must end at a
-  /// self-signed anchor; revocation lists are not looked at.
+  /// The chain consists of enclosed certificates and anchors only, and must end at a self-signed
+  /// anchor. Revocation lists are not checked.
   bool chainEndsAtAnchor() {
     const OpenSSLPointer<X509_STORE, X509_STORE_free> anchors(X509_STORE_new());
     const OpenSSLPointer<STACK_OF(X509), releaseCertificates> enclosed(CMS_get1_certs(cms.get()));
@@ -151,7 +151,7 @@ class Verification {
     }
     if (!loadAnchors(*anchors)) return false;
     X509_VERIFY_PARAM* const rules = X509_STORE_CTX_get0_param(chain.get());
-    X509_VERIFY_PARAM_set_purpose(rules, X509_PURPOSE_ANY);  // leafMaySignCode() has judged it
+    X509_VERIFY_PARAM_set_purpose(rules, X509_PURPOSE_ANY);  // checked by leafMaySignCode()
     X509_VERIFY_PARAM_set_auth_level(rules, authenticationLevel);
     X509_VERIFY_PARAM_set_depth(rules, maxIntermediates);
     X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_X509_STRICT);
@@ -162,7 +162,7 @@ class Verification {
     return isChainForCodeSigning(*X509_STORE_CTX_get0_chain(chain.get()));
   }
 
-  /// What libcrypto has not asked of a chain, which begins with the leaf and ends with the anchor.
+  /// Checks what libcrypto does not. The chain begins with the leaf and ends with the anchor.
   bool isChainForCodeSigning(const STACK_OF(X509) & chain) {
     const int last = sk_X509_num(&chain) - 1;
     const ASN1_TIME* end = X509_get0_notAfter(leaf);
@@ -181,7 +181,7 @@ class Verification {
     return true;
   }
 
-  /// Every certificate in the anchor files, up to the first block of a file that is none.
+  /// Adds the certificates in the anchor files, of each file up to the first that cannot be read.
   bool loadAnchors(X509_STORE& store) {
     using std::filesystem::directory_iterator;
     std::map<std::string, std::string> pathsByName;
@@ -238,8 +238,7 @@ std::vector<std::string> installedAnchors() {
 }
 
 Verdict verifySignature(int executable, const std::vector<std::string>& anchorFolders) {
-  // A path that no longer leads to the executable does no harm: what is found there must still be a
-  // signature of the opened file.
+  // A stale path does no harm: the file there must still be a signature of the opened executable.
   const std::string path = pathOf(executable);
   if (path.empty()) return Refusal{"has no path"};
   const RegularFile file = openRegular(openWithoutLinks(path + ".codesign"));

@@ -1,6 +1,6 @@
-// Verifies the code signature that lies beside an executable as `<executable>.codesign`; its format
-// and what it proves are told in Documentation/code-identity.md. Stateless; callable from any
-// thread, which it may block on files for as long as whoever has put them there likes.
+// Verifies the code signature beside an executable, `<executable>.codesign`.
+// Documentation/code-identity.md describes its format and what it proves. Stateless; callable from
+// any thread. Files can block that thread for as long as their owners choose.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,7 @@
 
 namespace quorvane::codesigning {
 
-/// A signature with a chain of certificates takes one to ten KiB; whoever runs an executable may
-/// have written it.
+/// A signature with its chain takes one to ten KiB. The user of an executable may have written it.
 inline constexpr std::size_t maxSignatureSize = std::size_t{64} * 1024;
 
 /// One line of text for people, to follow the executable's name.
@@ -23,12 +22,13 @@ struct Refusal {
 
 using Verdict = std::variant<Identity, Refusal>;
 
-/// The package's folder of anchors, then the administrator's: system path /etc/quorvane/anchors.
+/// Returns the package's folder of anchors, then the administrator's, /etc/quorvane/anchors; both
+/// below the system root.
 std::vector<std::string> installedAnchors();
 
-/// Verifies the executable behind a descriptor that is open for reading; it stays the caller's, and
-/// its offset is neither used nor moved. The anchors are read anew from their folders each time; a
-/// file hides those of its name in the folders before its own.
+/// Verifies the executable behind a descriptor that is open for reading. The caller keeps the
+/// descriptor; its offset is neither used nor moved. Reads the anchors from their folders on each
+/// call. A file hides those of the same name in earlier folders.
 Verdict verifySignature(int executable,
                         const std::vector<std::string>& anchorFolders = installedAnchors());
 
