@@ -1,5 +1,4 @@
-// The dispatch calls, each in terms of SerialQueue and EventLoop. The first queue or source starts
-// the layer.
+// The dispatch calls over SerialQueue and EventLoop. The first queue or source starts the loop.
 #include <dispatch/dispatch.h>
 #include <signal.h>
 
@@ -15,7 +14,7 @@ using namespace quorvane::dispatch;
 
 namespace {
 
-/// All that a dynamic_cast to one of the two final classes would ask, at less cost.
+/// Equivalent to a dynamic_cast to one of the two final classes, at less cost.
 template <class Object>
 bool is(dispatch_object_t object) {
   return typeid(*object) == typeid(Object);
@@ -30,8 +29,8 @@ EventSource& sourceOf(dispatch_object_t object) {
   return static_cast<EventSource&>(*object);
 }
 
-/// A blocked signal waits for the event loop even while its disposition is to be ignored, which
-/// would discard it otherwise. The layer's own threads block all signals anyway.
+/// A blocked signal waits for the event loop even if its disposition is SIG_IGN; an unblocked one
+/// would be discarded. The layer's own threads block all signals except faults.
 void blockInCaller(int signal) {
   sigset_t own;
   sigemptyset(&own);
@@ -109,7 +108,7 @@ void dispatch_resume(dispatch_object_t object) {
 
 void dispatch_release(dispatch_object_t object) {
   if (is<SerialQueue>(object)) return queueOf(object).release();
-  // There is no call to retain a source: this was its creator's reference, so nothing more fires.
+  // No call retains a source: this was its creator's reference, so it must not fire any more.
   EventLoop::shared().cancel(sourceOf(object));
   sourceOf(object).release();
 }

@@ -1,4 +1,4 @@
-// The arithmetic of dispatch_time(), which is the same on every clock. Pure.
+// The arithmetic of dispatch_time(), the same on every clock. A pure function.
 #pragma once
 
 #include <dispatch/dispatch.h>
@@ -8,9 +8,9 @@
 
 namespace quorvane::dispatch {
 
-/// `delta` nanoseconds after `when`, or after `now` where `when` is DISPATCH_TIME_NOW. What lies
-/// past the range of a signed 64-bit number is never; what lies before the clock's start is its
-/// first nanosecond, because zero would mean now.
+/// Returns the time `delta` nanoseconds after `when`, or after `now` if `when` is
+/// DISPATCH_TIME_NOW. A time beyond the range of a signed 64-bit number becomes
+/// DISPATCH_TIME_FOREVER. A time before the clock's start becomes 1, because 0 means now.
 inline dispatch_time_t timeAfter(dispatch_time_t when, std::int64_t delta, std::uint64_t now) {
   constexpr std::uint64_t last = std::numeric_limits<std::int64_t>::max();
   if (when == DISPATCH_TIME_FOREVER) return when;

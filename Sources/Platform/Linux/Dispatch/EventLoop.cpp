@@ -17,13 +17,14 @@
 namespace quorvane::dispatch {
 namespace {
 
-/// For what the layer cannot do without.
+/// Returns the result of a call that the layer depends on. Ends the process if it failed.
 int required(int result, const char* otherwise) {
   if (result < 0) fatal(otherwise, errno);
   return result;
 }
 
-/// A process with a source for one of these ends by it all the same, but in its own way.
+/// Returns whether the signal asks the process to end. A process with a source for it ends in its
+/// own way.
 bool asksToEnd(int signal) {
   return signal == SIGTERM || signal == SIGINT;
 }
@@ -68,8 +69,8 @@ EventLoop& EventLoop::shared() {
 EventLoop::EventLoop()
     : timer(required(timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK), "no timerfd")),
       events(required(epoll_create1(EPOLL_CLOEXEC), "no epoll")) {
-  // A write into a closed pipe, or past the limit of a file's size, is an error to its caller; it
-  // must not end a process that still has to clean up.
+  // A write to a closed pipe, or beyond the limit of a file's size, must be an error for its
+  // caller. It must not end a process that still has to clean up.
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);
   watch(timer);
@@ -138,15 +139,15 @@ void EventLoop::fireSignals() {
   while (read(signals, &delivery, sizeof delivery) == sizeof delivery) {
     for (EventSource* source : signalSources) {
       if (static_cast<std::uint32_t>(source->signal) != delivery.ssi_signo) continue;
-      // Ahead of the handler, behind which there may be no process any more.
+      // Before the handler, after which the process may be gone.
       if (asksToEnd(source->signal)) notifyServiceManager("STOPPING=1");
       source->fire();
     }
   }
 }
 
-/// Sets the timer to the first deadline, or off. That also takes back an expiry which nobody has
-/// read, see timerfd_create(2), so the descriptor is never read.
+/// Sets the timer to the first deadline, or off. This also clears an unread expiry, see
+/// timerfd_create(2), so the descriptor is never read.
 void EventLoop::setTimerLocked() {
   itimerspec first{};
   timerSetTo = DISPATCH_TIME_FOREVER;
@@ -154,7 +155,7 @@ void EventLoop::setTimerLocked() {
     timerSetTo = timers.front()->deadline;
     first.it_value.tv_sec = static_cast<time_t>(timerSetTo / NSEC_PER_SEC);
     first.it_value.tv_nsec = static_cast<long>(timerSetTo % NSEC_PER_SEC);
-    if (timerSetTo == DISPATCH_TIME_NOW) first.it_value.tv_nsec = 1;  // all zero would mean off
+    if (timerSetTo == DISPATCH_TIME_NOW) first.it_value.tv_nsec = 1;  // all zeros mean off
   }
   required(timerfd_settime(timer, TFD_TIMER_ABSTIME, &first, nullptr), "timer not set");
 }

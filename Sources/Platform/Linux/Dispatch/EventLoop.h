@@ -1,6 +1,6 @@
-// What dispatch sources wait for. One thread of the layer waits for the next deadline of all timers
-// on one timerfd, and for all signals on one signalfd, and puts the handlers onto their queues; it
-// runs none itself, and with no timer set and no signal it never wakes. Callable from any thread.
+// Waits for the events of dispatch sources. One thread of the layer waits for the next deadline of
+// all timers on one timerfd, and for all signals on one signalfd. It submits the handlers to their
+// queues, runs none itself, and never wakes without a timer or a signal. Callable from any thread.
 #pragma once
 
 #include <dispatch/dispatch.h>
@@ -16,7 +16,7 @@
 
 namespace quorvane::dispatch {
 
-/// A timer or a signal source. It keeps its queue, and is freed there after its finalizer.
+/// A timer or a signal source. It retains its queue, and is freed there after its finalizer.
 class EventSource final : public dispatch_source_s {
  public:
   /// A timer has the signal number 0.
@@ -24,10 +24,10 @@ class EventSource final : public dispatch_source_s {
   EventSource(const EventSource&) = delete;
   EventSource& operator=(const EventSource&) = delete;
 
-  /// Puts the handler onto the queue; once, however often the event comes before it has begun, so
-  /// that a flood of signals takes no memory.
+  /// Submits the handler to the queue. Events before the handler starts count as one, so a flood of
+  /// signals takes no memory.
   void fire();
-  /// Frees a cancelled source, by a block that comes behind all of its own on the queue.
+  /// Frees a cancelled source, by a block that follows all of its own on the queue.
   void release();
 
   const int signal;
@@ -50,16 +50,15 @@ class EventSource final : public dispatch_source_s {
 
 class EventLoop {
  public:
-  /// Started by the first call for it, or the process ends.
+  /// Returns the process's loop. The first call starts it, and ends the process on failure.
   static EventLoop& shared();
 
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
-  /// Fires the source from now on. The signal of a signal source must be blocked in all threads.
+  /// Lets the source fire from now on. REQUIRES: all threads block the signal of a signal source.
   void add(EventSource& source);
-  /// Fires the source never again. When this is called on the source's queue, a handler that waits
-  /// there will not run.
+  /// Stops the source. On its queue this is final: a handler that waits there does not run.
   void cancel(EventSource& source);
 
  private:
@@ -76,18 +75,18 @@ class EventLoop {
   const int events;
   int signals = -1;
 
-  std::mutex mutex;  // guards what follows; taken before a queue's, never the other way round
+  std::mutex mutex;  // guards the members below; taken before a queue's mutex, never after it
   std::vector<EventSource*> timers;  // by deadline
-  /// Never after the first deadline. It may be before it, and wake the thread for nothing once, for
-  /// a timer that was cancelled while others remain: to put it off at each renewal of a lease costs
-  /// more. Without timers it is off.
+  /// Never later than the first deadline. It is earlier if a timer was cancelled while others
+  /// remain; the thread then wakes once without need. Moving it at each renewal of a lease would
+  /// cost more. Without timers it is off.
   dispatch_time_t timerSetTo = DISPATCH_TIME_FOREVER;
   std::vector<EventSource*> signalSources;
   sigset_t watchedSignals{};  // only grows
 };
 
-/// monotonicTime(), which counts the time in suspend: what falls due while the machine sleeps fires
-/// when it wakes.
+/// monotonicTime(), which counts the time in suspend: a timer that falls due while the machine
+/// sleeps fires when it wakes.
 std::uint64_t nowNanoseconds();
 
 }  // namespace quorvane::dispatch

@@ -15,8 +15,8 @@ namespace {
 /// The queue that the calling thread drains.
 thread_local const SerialQueue* drainedHere = nullptr;
 
-/// A block that another thread waits for. It lives in that thread's frame, which goes as soon as
-/// the mutex is free and `hasRun` true: nothing of it may be touched later.
+/// A block that another thread waits for. It lives in that thread's frame, which may end as soon as
+/// `hasRun` is true and the mutex is free. It must not be touched afterwards.
 struct SyncCall {
   Block block;
   std::mutex mutex{};
@@ -32,8 +32,8 @@ struct SyncCall {
   }
 };
 
-/// An exception that nobody catches would end the process where it is thrown. Here it has passed
-/// the block's frames, and they have let go of what they held: the terminate handler may need it.
+/// An uncaught exception would end the process where it is thrown. Here it first unwinds the
+/// block's frames, which release what they hold, because the terminate handler may need it.
 /// libdispatch on macOS does the same (object.m, _dispatch_client_callout).
 void run(const Block& block) {
   try {
@@ -90,7 +90,7 @@ void SerialQueue::retain() {
 }
 
 void SerialQueue::release() {
-  // Told under the lock: without it the queue's thread could free the condition that is notified.
+  // Notifies under the lock. Without it the queue's thread could free the condition too early.
   const std::lock_guard lock(mutex);
   --references;
   changed.notify_one();

@@ -1,7 +1,6 @@
-// The serial queue behind dispatch_queue_t: a FIFO under a mutex, drained by a thread of its own
-// or, for the main queue, by dispatch_main(). A queue with a thread owns itself: it is freed on
-// that thread, once the last reference is gone and all that was submitted has run. Callable from
-// any thread.
+// The serial queue behind dispatch_queue_t: a FIFO under a mutex, drained by its own thread or, for
+// the main queue, by dispatch_main(). A queue with a thread owns itself: that thread frees it after
+// the last reference is gone and all submitted blocks have run. Callable from any thread.
 #pragma once
 
 #include <dispatch/dispatch.h>
@@ -14,8 +13,8 @@
 
 namespace quorvane::dispatch {
 
-/// Ends the process, by std::terminate(), with one line on standard error: the layer cannot go on,
-/// or its caller breaks the rules of the calls. `error` is an error number that says how.
+/// Ends the process by std::terminate(), with one line on standard error. For a layer that cannot
+/// continue, and for a caller that violates a contract. `error` is an errno value.
 [[noreturn]] void fatal(const char* what, int error);
 
 struct Block {
@@ -25,21 +24,21 @@ struct Block {
 
 class SerialQueue final : public dispatch_queue_main_s {
  public:
-  /// A queue that nothing drains yet, with one reference.
+  /// Creates a queue with one reference and no thread.
   explicit SerialQueue(const char* name) : label(name != nullptr ? name : "") {}
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  /// A queue with a thread, or the end of the process when there is none to be had.
+  /// Creates a queue with a thread. Ends the process if no thread can be started.
   static SerialQueue* createWithThread(const char* name);
 
   void async(Block block);
-  /// Returns when the block has run. Fatal on the queue itself, where it would wait for ever.
+  /// Returns when the block has run. Fatal on the queue itself, where it would deadlock.
   void sync(Block block);
-  /// For good: blocks that have not begun never run.
+  /// Permanent: blocks that have not started never run.
   void suspend();
   void retain();
-  /// After the last one the queue may be gone.
+  /// After the last release the queue may be gone.
   void release();
 
   /// Runs blocks on the calling thread until the queue is released and empty.
@@ -50,7 +49,7 @@ class SerialQueue final : public dispatch_queue_main_s {
 
   const std::string label;
 
-  std::mutex mutex;  // guards what follows
+  std::mutex mutex;  // guards the members below
   std::condition_variable changed;
   std::deque<Block> blocks;
   bool suspended = false;
