@@ -17,12 +17,12 @@ constexpr bool sanitized = __has_feature(address_sanitizer) || __has_feature(thr
 constexpr bool sanitized = false;
 #endif
 
-// Room for the largest things in a frame here, the simulated SMC's machine and its file, a few
-// times over and for libc. The sanitizers' frames take several times as much.
+// Several times the largest objects on these stacks, the simulated SMC's machine and its file, and
+// room for libc. Frames under the sanitizers are several times as large.
 constexpr std::size_t stackBytes = std::size_t{sanitized ? 1024 : 256} * 1024;
 
-/// All signals but those that a thread raises by its own fault: blocked, they would not be caught
-/// any more by whoever looks for the cause of a crash.
+/// Returns all signals except those that a thread raises by its own fault. A crash handler could
+/// not catch these if they were blocked.
 sigset_t allButFaults() {
   sigset_t signals;
   sigfillset(&signals);
@@ -40,7 +40,7 @@ int startDetachedThread(void* (*entry)(void*), void* argument) {
   pthread_attr_setstacksize(&attributes, stackBytes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
 
-  // A thread starts with the mask of its maker, so there is no moment in which it takes a signal.
+  // A thread inherits its creator's mask, so the new one never takes a signal.
   const sigset_t blocked = allButFaults();
   sigset_t before;
   pthread_sigmask(SIG_SETMASK, &blocked, &before);

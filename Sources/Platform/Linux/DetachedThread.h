@@ -1,11 +1,10 @@
-// Starts the platform layer's own threads: detached, so that exit() may come while they run, with a
-// small stack, and with every signal blocked but those that a thread's own fault raises. Callable
-// from any thread.
+// Starts the platform layer's own threads: detached, so that exit() can run while they do; with a
+// small stack; with all signals blocked except a thread's own faults. Callable from any thread.
 #pragma once
 
 namespace quorvane {
 
-/// Runs entry(argument) on a new thread. 0, or the error number of pthread_create(3).
+/// Runs entry(argument) on a new thread. Returns 0 or an error number of pthread_create(3).
 [[nodiscard]] int startDetachedThread(void* (*entry)(void*), void* argument);
 
 }  // namespace quorvane

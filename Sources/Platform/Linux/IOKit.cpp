@@ -1,5 +1,5 @@
 // The IOKit calls over the registry. One table, under one lock, maps handles to objects; each
-// handle is one reference. Foreign code (drivers, clients and their destructors) runs outside it.
+// handle is one reference. Drivers, clients and their destructors run outside the lock.
 #include <IOKit/IOKitLib.h>
 
 #include <deque>
@@ -11,7 +11,7 @@
 #include "Platform/Linux/IOKitRegistry.h"
 #include "Platform/NoDestructor.h"
 
-// The class name is all that a matching dictionary holds here.
+// Here a matching dictionary holds a class name only.
 struct __CFDictionary {  // NOLINT(bugprone-reserved-identifier): the platform's own name
   std::string className;
 };
@@ -42,7 +42,7 @@ Registry& registry() {
 }
 
 mach_port_t addLocked(Registry& all, Object object) {
-  // A released handle comes back only after all the others, so that a stale one is noticed.
+  // A released handle is reused only after all others, so that the use of a stale one fails.
   do {
     ++all.lastHandle;
   } while (all.lastHandle == 0 || all.objects.contains(all.lastHandle));
@@ -56,7 +56,7 @@ mach_port_t add(Object object) {
   return addLocked(all, std::move(object));
 }
 
-/// The object of that kind behind the handle, or null.
+/// Returns the object of that kind behind the handle, or null.
 template <class Ref>
 Ref find(mach_port_t handle) {
   Registry& all = registry();

@@ -1,6 +1,5 @@
-// os_log over the journal's native socket, or standard error where there is no journal. Nothing
-// here waits for whoever reads the log: what holds up a thread could hold up a restore. Callable
-// from any thread.
+// os_log over the journal's native socket, or standard error if there is no journal. It never waits
+// for a reader of the log: a blocked thread could delay a restore. Callable from any thread.
 #include <fcntl.h>
 #include <os/log.h>
 #include <sys/socket.h>
@@ -33,12 +32,12 @@ struct os_log_s {
 namespace quorvane {
 namespace {
 
-/// Far above any message of ours; keeps a line within PIPE_BUF, below which a pipe takes all of a
-/// write or nothing.
+/// Far above any message of ours. Keeps a line within PIPE_BUF, up to which a pipe write is atomic.
 constexpr std::size_t maxMessageBytes = 1024;
 
-/// The rest of this file writes to descriptor 2. Were it closed, the next file that the process
-/// opens would get that number, and then log lines for content; 0 and 1 have such users too.
+/// Opens the standard descriptors that are closed. This file writes to descriptor 2: if it is
+/// closed, the next file that the process opens gets that number, and then receives log lines. 0
+/// and 1 have such users too.
 void fillStandardDescriptors() {
   int descriptor = -1;
   do {
@@ -47,7 +46,7 @@ void fillStandardDescriptors() {
   const Descriptor superfluous(descriptor);
 }
 
-/// "%{public}s" is "%s" to printf. "%%" ahead of a brace is a percent sign and no annotation.
+/// Removes annotations: "%{public}s" is "%s" to printf. "%%" before a brace is a percent sign.
 std::string withoutAnnotations(std::string_view format) {
   std::string plain;
   while (!format.empty()) {
@@ -63,17 +62,17 @@ std::string withoutAnnotations(std::string_view format) {
   return plain;
 }
 
-/// The message whole, or its beginning. A character that the bound cuts becomes U+FFFD.
+/// Formats the message, truncated to `maxMessageBytes`. A truncated character becomes U+FFFD.
 std::string formatMessage(const char* format, va_list arguments) {
   std::array<char, maxMessageBytes + 1> buffer{};
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is the caller's, and initialised.
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the caller has initialised it.
   vsnprintf(buffer.data(), buffer.size(), withoutAnnotations(format).c_str(), arguments);
   return replacingInvalidUTF8(buffer.data());
 }
 
-/// Serialises one field as systemd's "Native Journal Protocol" has it (JOURNAL_NATIVE_PROTOCOL):
-/// NAME=value, or for a value with a line feed the name on a line of its own, then the value's
-/// length, 64 bits little-endian, and the value.
+/// Serialises one field in systemd's "Native Journal Protocol" (JOURNAL_NATIVE_PROTOCOL). The form
+/// is NAME=value. For a value with a line feed, it is the name on its own line, then the value's
+/// length (64 bits, little-endian) and the value.
 void appendField(std::string& datagram, std::string_view name, std::string_view value) {
   datagram.append(name);
   if (value.find('\n') == std::string_view::npos) {
@@ -87,11 +86,11 @@ void appendField(std::string& datagram, std::string_view name, std::string_view 
   datagram.append(value) += '\n';
 }
 
-/// The line, or nothing when it cannot be taken at once. poll(2) would not do: it calls a terminal
-/// writable that has room for one byte, and two writers can find the same room in a pipe. Nor may
-/// descriptor 2 itself be made non-blocking, for others share its open file. So a pipe or a
-/// terminal is opened once more, without blocking. A pipe without a reader is an error and nothing
-/// worse, for the dispatch layer has SIGPIPE ignored in the whole process.
+/// Writes the line, or drops it if it cannot be written immediately. poll(2) is not enough: it
+/// reports a terminal with room for one byte as writable, and two writers can find the same room in
+/// a pipe. Descriptor 2 itself must not become non-blocking, because others share its open file.
+/// The function therefore opens a pipe or a terminal again, without blocking. A pipe without a
+/// reader causes only an error, because the dispatch layer ignores SIGPIPE in the whole process.
 void writeToStandardError(std::string_view line) {
   struct stat status {};
   if (fstat(STDERR_FILENO, &status) != 0) return;
@@ -99,7 +98,7 @@ void writeToStandardError(std::string_view line) {
     send(STDERR_FILENO, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     return;
   }
-  // A file is written through its shared offset. No reader can hold it up.
+  // A regular file is written through its shared offset. No reader can block it.
   const bool isFile = S_ISREG(status.st_mode);
   const Descriptor reopened = isFile ? Descriptor() : openFile("/proc/self/fd/2", O_WRONLY);
   [[maybe_unused]] const ssize_t written =
@@ -125,7 +124,7 @@ void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...) 
   std::string message = formatMessage(format, arguments);
   va_end(arguments);
 
-  // Priorities of syslog(3): an error, and for the default type a notice, which is kept.
+  // Priorities of syslog(3). The default type becomes a notice, which is kept.
   constexpr std::string_view errorPriority = "3";
   constexpr std::string_view noticePriority = "5";
   std::string datagram;
@@ -134,8 +133,7 @@ void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...) 
   appendField(datagram, "SYSLOG_IDENTIFIER", program_invocation_short_name);
   appendField(datagram, "SUBSYSTEM", log->subsystem);
   appendField(datagram, "CATEGORY", log->category);
-  // Sent from a new socket each time, so that a journal that was restarted, or started late, is
-  // found.
+  // A new socket for each message finds a journal that has restarted or started late.
   if (!sendDatagram(systemPath("/run/systemd/journal/socket"), datagram)) {
     std::replace(message.begin(), message.end(), '\n', ' ');
     writeToStandardError(log->subsystem + " " + log->category + ": " + message + "\n");

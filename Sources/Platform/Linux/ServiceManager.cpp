@@ -7,7 +7,7 @@
 namespace quorvane {
 
 void notifyServiceManager(std::string_view state) {
-  // Not below the system root: it names a socket of the real system's, whatever files we open.
+  // Not below the system root: the name is that of the real system's socket.
   const char* const name = secure_getenv("NOTIFY_SOCKET");
   if (name != nullptr) sendDatagram(name, state);
 }

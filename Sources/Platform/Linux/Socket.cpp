@@ -27,7 +27,7 @@ bool sendDatagram(std::string_view name, std::string_view datagram) {
 }
 
 bool limitBlocking(int socket, int direction, std::optional<Deadline> deadline) {
-  // Zero means no limit to the kernel, so a time that has run out must not be handed to it.
+  // To the kernel zero means no limit, so an expired deadline must not reach it.
   timeval limit{};
   if (deadline) {
     const auto left = std::chrono::duration_cast<std::chrono::microseconds>(

@@ -1,4 +1,4 @@
-// Unix sockets: their addresses, datagrams that wait for nobody, and waits that end at a deadline.
+// Unix sockets: their addresses, datagrams that never block, and calls that block until a deadline.
 // Callable from any thread.
 #pragma once
 
@@ -18,18 +18,17 @@ struct SocketAddress {
   [[nodiscard]] const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&name); }
 };
 
-/// The address of a path or, behind an '@', of an abstract name (unix(7)). Nothing when it is empty
-/// or does not fit.
+/// Returns the address of a path or, after an '@', of an abstract name (unix(7)). Returns nothing
+/// if the name is empty or too long.
 std::optional<SocketAddress> socketAddress(std::string_view name);
 
-/// Sends one datagram to the socket of that name, without waiting for room. False when the socket
-/// does not have it.
+/// Sends one datagram to the socket of that name without blocking. Returns false if it is not sent.
 bool sendDatagram(std::string_view name, std::string_view datagram);
 
 using Deadline = std::chrono::steady_clock::time_point;
 
 /// Lets the next call in one direction (SO_RCVTIMEO or SO_SNDTIMEO) block until the deadline at
-/// most, or for good when there is none. False when no time is left.
+/// most, or without limit if there is none. Returns false on failure or if no time is left.
 [[nodiscard]] bool limitBlocking(int socket, int direction, std::optional<Deadline> deadline);
 
 }  // namespace quorvane

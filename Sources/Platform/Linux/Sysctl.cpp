@@ -1,5 +1,4 @@
-// "hw.model" out of what the firmware tells Linux: the DMI tables of a PC, the device tree of most
-// others.
+// "hw.model" from the firmware: the DMI tables of a PC, the device tree of most other machines.
 #include <fcntl.h>
 #include <sys/sysctl.h>
 
@@ -18,12 +17,11 @@
 namespace quorvane {
 namespace {
 
-/// A sysfs attribute is at most one page (Linux, Documentation/filesystems/sysfs.rst), and no
-/// device tree names its model at greater length.
+/// A sysfs attribute has at most one page (Linux, Documentation/filesystems/sysfs.rst). No model
+/// name in a device tree is longer.
 constexpr std::size_t maxModelBytes = 4096;
 
-/// The file's text without the line feed that sysfs adds and the NUL that the device tree adds;
-/// empty when there is none.
+/// Returns the file's text without sysfs's line feed and the device tree's NUL; empty if none.
 std::string readFirmwareText(std::string_view path) {
   const Descriptor file = openFile(systemPath(path), O_RDONLY);
   if (!file) return {};

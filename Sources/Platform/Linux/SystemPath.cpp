@@ -8,8 +8,7 @@ namespace quorvane {
 namespace {
 
 std::string readRoot() {
-  // secure_getenv: a set-user-ID program of ours would not let its caller choose the files it
-  // opens.
+  // secure_getenv: the caller of a set-user-ID program must not choose the files that it opens.
   const char* root = secure_getenv("QUORVANE_ROOT");
   return root != nullptr ? root : "";
 }

@@ -1,6 +1,5 @@
 // The IOKit calls that the helper uses, with the signatures and constants of macOS's
-// <IOKit/IOKitLib.h> and <IOKit/IOReturn.h>. Behind them stands the registry of IOKitRegistry.h.
-// Callable from any thread.
+// <IOKit/IOKitLib.h> and <IOKit/IOReturn.h>, over IOKitRegistry.h. Callable from any thread.
 #pragma once
 
 #include <mach/mach.h>
@@ -30,17 +29,17 @@ extern "C" {
 extern const mach_port_t kIOMainPortDefault;
 
 CFMutableDictionaryRef IOServiceMatching(const char* name);
-/// Consumes `matching`, whatever it returns.
+/// Consumes `matching`, also on failure.
 kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching,
                                            io_iterator_t* existing);
-/// The next object, which the caller releases, or 0 at the end.
+/// Returns the next object, or 0 at the end. The caller releases the object.
 io_object_t IOIteratorNext(io_iterator_t iterator);
 kern_return_t IORegistryEntryGetName(io_registry_entry_t entry, io_name_t name);
 kern_return_t IOServiceOpen(io_service_t service, task_port_t owningTask, uint32_t type,
                             io_connect_t* connect);
 kern_return_t IOObjectRelease(io_object_t object);
 kern_return_t IOServiceClose(io_connect_t connect);
-/// `*outputStructCnt` holds the room at `outputStruct` on entry and the bytes put there on return.
+/// `*outputStructCnt` is the capacity of `outputStruct` on entry, the bytes written on return.
 kern_return_t IOConnectCallStructMethod(mach_port_t connection, uint32_t selector,
                                         const void* inputStruct, size_t inputStructCnt,
                                         void* outputStruct, size_t* outputStructCnt);

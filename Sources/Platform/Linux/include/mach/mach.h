@@ -7,5 +7,5 @@ typedef int kern_return_t;
 
 #define KERN_SUCCESS 0
 
-/// There are no tasks to name here: any value will do, and nothing looks at it.
+/// Linux has no task ports. Any value will do, because nothing reads it.
 #define mach_task_self() (static_cast<mach_port_t>(0x103))

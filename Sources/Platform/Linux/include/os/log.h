@@ -1,6 +1,6 @@
-// The unified-log calls that the helper uses, as macOS's <os/log.h> spells them. A message goes to
-// the journal where there is one, else to standard error; it never blocks and never fails. Callable
-// from any thread.
+// The unified-log calls that the helper uses, with the names of macOS's <os/log.h>. A message goes
+// to the journal if there is one, else to standard error. Logging never blocks and never fails.
+// Callable from any thread.
 #pragma once
 
 #include <stdint.h>
@@ -13,10 +13,10 @@ typedef uint8_t os_log_type_t;
 
 extern "C" {
 
-/// Lives until the process ends.
+/// The log lives until the process ends.
 os_log_t os_log_create(const char* subsystem, const char* category);
 
-/// What the macros below call. `format` is printf's, with privacy annotations such as `%{public}s`.
+/// Called by the macros below. `format` is printf's, with privacy annotations such as `%{public}s`.
 void quorvane_os_log(os_log_t log, os_log_type_t type, const char* format, ...);
 
 }  // extern "C"
