@@ -3,21 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 namespace quorvane {
-namespace {
-
-template <class Call>
-auto untilUninterrupted(const Call& call) {
-  for (;;) {
-    const auto result = call();
-    if (result >= 0 || errno != EINTR) return result;
-  }
-}
-
-}  // namespace
-
 Descriptor::~Descriptor() {
   if (value >= 0) close(value);
 }

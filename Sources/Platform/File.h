@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -12,6 +13,15 @@
 #include <utility>
 
 namespace quorvane {
+
+/// Repeats a system call while a signal interrupts it. Returns its result.
+template <class Call>
+auto untilUninterrupted(const Call& call) {
+  for (;;) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
 
 /// Owns a file descriptor and closes it. Closing can block, so the owner chooses the thread.
 class Descriptor {

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cerrno>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -187,14 +186,12 @@ std::optional<std::string_view> ServedConnection::receive(const Peer& peer) {
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
   iovec data{buffer.data(), buffer.size()};
   msghdr message{};
-  ssize_t size = -1;
-  do {
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    size = recvmsg(socket.get(), &message, MSG_CMSG_CLOEXEC);
-  } while (size < 0 && errno == EINTR);
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  const ssize_t size =
+      untilUninterrupted([&] { return recvmsg(socket.get(), &message, MSG_CMSG_CLOEXEC); });
   const auto sender = size < 0 ? std::nullopt : soleSender(message);
   if (!sender || !peer.hasSent(*sender)) return std::nullopt;
   return std::string_view(buffer.data(), static_cast<std::size_t>(size));

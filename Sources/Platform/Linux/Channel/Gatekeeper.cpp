@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <initializer_list>
 #include <string>
@@ -83,10 +82,9 @@ bool admits(const Peer& peer, const std::string& requirement, Deadline deadline)
   const bool isInTime = endsBefore(deadline, gatekeeper);
   if (!isInTime) kill(gatekeeper, SIGKILL);
   siginfo_t end{};
-  while (waitid(P_PID, static_cast<id_t>(gatekeeper), &end, WEXITED) != 0) {
-    if (errno != EINTR) return false;
-  }
-  return isInTime && end.si_code == CLD_EXITED && end.si_status == 0;
+  const int waited = untilUninterrupted(
+      [&] { return waitid(P_PID, static_cast<id_t>(gatekeeper), &end, WEXITED); });
+  return waited == 0 && isInTime && end.si_code == CLD_EXITED && end.si_status == 0;
 }
 
 }  // namespace quorvane::xpc

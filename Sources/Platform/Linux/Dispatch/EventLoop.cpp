@@ -11,6 +11,7 @@
 #include <cerrno>
 
 #include "Platform/Clock.h"
+#include "Platform/File.h"
 #include "Platform/Linux/DetachedThread.h"
 #include "Platform/Linux/ServiceManager.h"
 
@@ -114,9 +115,8 @@ void EventLoop::run() {
   prctl(PR_SET_NAME, "dispatch-events");
   for (;;) {
     epoll_event event{};
-    const int count = epoll_wait(events, &event, 1, /*timeout=*/-1);
-    if (count < 0 && errno == EINTR) continue;
-    required(count, "no events");
+    required(untilUninterrupted([&] { return epoll_wait(events, &event, 1, /*timeout=*/-1); }),
+             "no events");
     if (event.data.fd == timer) {
       fireTimers();
     } else {

@@ -22,14 +22,6 @@ constexpr std::string_view entryPrefix = "hwmon";
 /// More than a device's name, the longest text of use here; the kernel allows a page.
 constexpr std::size_t textSizeMax = 64;
 
-template <class Call>
-auto untilUninterrupted(Call call) {
-  while (true) {
-    const auto result = call();
-    if (result >= 0 || errno != EINTR) return result;
-  }
-}
-
 class OpenFolder final : public Folder {
  public:
   explicit OpenFolder(Descriptor opened) : folder(std::move(opened)) {}

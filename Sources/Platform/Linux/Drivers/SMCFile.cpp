@@ -48,10 +48,7 @@ bool decode(const FileBytes& bytes, SMCMachine& machine) {
 }
 
 int lock(int descriptor) {
-  while (flock(descriptor, LOCK_EX) != 0) {
-    if (errno != EINTR) return errno;
-  }
-  return 0;
+  return untilUninterrupted([&] { return flock(descriptor, LOCK_EX); }) == 0 ? 0 : errno;
 }
 
 /// Returns 0 or an errno value. A short write to a regular file means that no room is left.
