@@ -1,6 +1,6 @@
 // The companion's end of the channel: connects to the helper, passes its admission, and calls the
-// four operations. Over a Unix socket on Linux, over NSXPCConnection on macOS, where it checks the
-// helper's signature too. One call at a time; used from one thread.
+// four operations. Uses a Unix socket on Linux, and NSXPCConnection on macOS, where it also checks
+// the helper's signature. One call at a time; used from one thread.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@ namespace quorvane {
 
 class [[gnu::visibility("default")]] FanControlClient {
  public:
-  /// The helper answers in milliseconds unless it is in trouble.
+  /// A healthy helper replies within milliseconds.
   static constexpr std::chrono::seconds replyTimeout{10};
 
   FanControlClient();
@@ -23,20 +23,20 @@ class [[gnu::visibility("default")]] FanControlClient {
   FanControlClient(const FanControlClient&) = delete;
   FanControlClient& operator=(const FanControlClient&) = delete;
 
-  /// Connects, is admitted and has a ping answered, within `replyTimeout`. False leaves the reason
-  /// in error().
+  /// Connects, passes the admission and waits for the reply to a ping, all within `replyTimeout`.
+  /// If it returns false, error() has the reason.
   [[nodiscard]] bool connect();
 
-  /// Nothing when the helper could not be asked or did not answer within `replyTimeout`: error()
-  /// says why, and the connection is over. On Linux connect() makes a new one, on macOS the next
-  /// call does, upon which launchd starts a helper that has ended.
+  /// Each call returns nothing if no valid reply arrives within `replyTimeout`. Then error() has
+  /// the reason, and the connection is closed. On Linux connect() opens a new one. On macOS the
+  /// next call does, and launchd then starts a helper that has ended.
   [[nodiscard]] std::optional<Outcome> writeFanKey(const std::string& key, std::int64_t value,
                                                    bool isFloat);
   [[nodiscard]] std::optional<Outcome> restoreAuto();
   [[nodiscard]] std::optional<StatusReport> status();
   [[nodiscard]] std::optional<std::string> ping();
 
-  /// One line for a person, of the last failure.
+  /// Returns the last failure, as one line for a person.
   [[nodiscard]] const std::string& error() const;
 
  private:

@@ -16,11 +16,11 @@ constexpr std::chrono::seconds lease{FanControlConstants::leaseSeconds};
 constexpr std::chrono::seconds maxManual{FanControlConstants::maxManualSeconds};
 constexpr Duration renewalInterval = 5s;
 constexpr Duration reconnectInterval = 1s;
-/// How much earlier than the helper's cap we end, so as not to race it.
+/// How long before the helper's cap the keeper gives back, so that the two do not race.
 constexpr Duration handOverLead = 1s;
-/// A forcing write that reached the helper after its cap would open a second period. A call is
-/// answered or given up within replyTimeout, so the last one is over by the end of ours. What it
-/// grants outlasts the period all the same.
+/// A forcing write that reaches the helper after its cap opens a second period. A call ends within
+/// replyTimeout, so the last forcing write ends before this period does. Its lease outlasts the
+/// period.
 constexpr Duration lastForceBeforeEnd = FanControlClient::replyTimeout;
 static_assert(lastForceBeforeEnd + renewalInterval < lease);
 
@@ -30,7 +30,7 @@ std::string key(int fan, std::string_view suffix) {
 
 bool isForcedBy(const StatusReport& report, int fan) {
   for (const auto& [name, value] : report) {
-    // A list of single digits: to find the digit is to find the fan.
+    // The list holds single digits, so a found digit is a found fan.
     if (name == "forcedFans") return value.find(std::to_string(fan)) != std::string::npos;
   }
   return false;
@@ -48,18 +48,18 @@ void Lease::hold(int fan, std::int64_t rpm) {
     return;
   }
   if (fan < 0 || fan > 9) return tell(fan, FanEvent::refused, "a fan is a number from 0 to 9");
-  // The helper may have restarted since, unnoticed.
+  // The helper may have restarted unnoticed.
   if (!(isConnected && client.ping()) && !reach()) {
     return tell(fan, FanEvent::refused, client.error());
   }
-  // Taken ahead of the first write, so that our count is never behind the helper's.
+  // Taken before the first write, so that this period never ends after the helper's.
   const Duration now = monotonicTime();
   if (fans.empty()) {
     periodEnd = now + maxManual - handOverLead;
     nextRenewal = now + renewalInterval;
     lastWrite = now;
   }
-  // From here on it may be forced, whatever becomes of the reply.
+  // From here on the fan may be forced, whether or not a reply arrives.
   fans[fan] = Fan{rpm};
   if (force(fan, "Md", 1, /*isFloat=*/false)) forceTarget(fan);
 }
@@ -95,8 +95,8 @@ Duration Lease::end() const {
 void Lease::renew() {
   nextRenewal = monotonicTime() + renewalInterval;
   const std::map<int, Fan> held = fans;
-  // At once after an interruption: on macOS it takes a call to have the helper started again, and
-  // only then does it take back what it had forced.
+  // Reconnects immediately after an interruption. On macOS only a call starts the helper again, and
+  // its start restores the fans that it had forced.
   if (!isConnected && !reach()) nextRenewal = monotonicTime() + reconnectInterval;
   for (const auto& [fan, state] : held) {
     if (isConnected) renewFan(fan);
@@ -107,8 +107,8 @@ void Lease::renew() {
   }
 }
 
-/// A forcing write for a fan that the helper or another client has put into automatic mode would
-/// open a new period against their will. So the helper is asked first, as late as can be.
+/// If the helper or another client has put the fan into automatic mode, a forcing write would open
+/// a new period against their decision. So this asks the helper first, as late as possible.
 void Lease::renewFan(int fan) {
   if (isTooLateToForce()) return;
   const std::optional<StatusReport> report = client.status();
@@ -118,7 +118,7 @@ void Lease::renewFan(int fan) {
          "its lease ran out, or another client put it into automatic mode");
     return;
   }
-  // Once more, for the answer may have taken long.
+  // Checked again, because the reply may have taken long.
   if (!isTooLateToForce()) forceTarget(fan);
 }
 
@@ -132,8 +132,8 @@ void Lease::forceTarget(int fan) {
   if (!std::exchange(fans.at(fan).isForced, true)) tell(fan, FanEvent::forced, "");
 }
 
-/// Renews the lease. When it is refused the fan is given back: it would be forced to whatever
-/// speed was its target before.
+/// Renews the lease. Gives the fan back if the helper refuses: otherwise the fan would stay forced
+/// to its previous target.
 bool Lease::force(int fan, std::string_view suffix, std::int64_t value, bool isFloat) {
   if (isTooLateToForce()) {
     giveBack(fan, FanEvent::periodOver, "the longest manual period is about to end");
@@ -153,8 +153,8 @@ bool Lease::force(int fan, std::string_view suffix, std::int64_t value, bool isF
   return true;
 }
 
-/// Mode 0 of this fan and not restoreAuto, which would take their fans from other clients too.
-/// False when the helper is gone.
+/// Writes mode 0 of this fan. Does not call restoreAuto, which would take the fans of other clients
+/// too. Returns false if the helper is gone.
 bool Lease::giveBack(int fan, FanEvent occasion, const std::string& text) {
   std::optional<Outcome> outcome;
   const auto write = [&] { outcome = client.writeFanKey(key(fan, "Md"), 0, /*isFloat=*/false); };

@@ -1,5 +1,5 @@
-// What a lease keeper does between two waits: its calls to the helper, and what it tells of them.
-// It has no thread and does not wait, so a test runs it on a virtual clock. Used from one thread.
+// The decisions of a lease keeper: its calls to the helper, and the events that it reports. Has no
+// thread and does not wait, so a test runs it on a virtual clock. Used from one thread.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@ namespace quorvane {
 
 class Lease {
  public:
-  /// As monotonicTime() counts.
+  /// On the clock of monotonicTime().
   using Duration = std::chrono::nanoseconds;
 
   Lease(FanControlClient& client, LeaseKeeper::Handler tell);
@@ -25,15 +25,15 @@ class Lease {
   void hold(int fan, std::int64_t rpm);
   void release(int fan);
   void releaseAll(FanEvent occasion);
-  /// Does what is due. Yields when it is to be called next: never while no fan is held.
+  /// Does what is due. Returns the time of the next call, or nothing while no fan is held.
   std::optional<Duration> advance();
-  /// When the helper takes the held fans back unless the lease is renewed, at the earliest.
+  /// The earliest time at which the helper takes the held fans back unless the lease is renewed.
   [[nodiscard]] Duration end() const;
 
  private:
   struct Fan {
     std::int64_t rpm;
-    /// As it was last told.
+    /// As last reported to the handler.
     bool isForced = false;
   };
 
@@ -54,7 +54,7 @@ class Lease {
   bool isConnected = false;
   Duration periodEnd{};
   Duration nextRenewal{};
-  /// When the last acknowledged forcing write was sent: the lease runs at least from then.
+  /// When the last acknowledged forcing write was sent: the lease starts then or later.
   Duration lastWrite{};
 };
 

@@ -29,7 +29,8 @@ class LeaseKeeper::Implementation {
     thread.join();
   }
 
-  /// A speed to hold the fan at, or nothing to release it. Of several the last one counts.
+  /// Requests a speed to hold the fan at, or nothing to release it. The last request for a fan
+  /// counts.
   void ask(int fan, std::optional<std::int64_t> rpm) {
     {
       const std::lock_guard lock(mutex);
@@ -42,7 +43,7 @@ class LeaseKeeper::Implementation {
   using Requests = std::map<int, std::optional<std::int64_t>>;
 
   void run() {
-    // The companion's signals are for its own threads.
+    // The companion's signals belong to its own threads.
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, nullptr);
@@ -61,7 +62,7 @@ class LeaseKeeper::Implementation {
     lease.releaseAll(FanEvent::givenBack);
   }
 
-  /// What was asked for by `due`; nothing when the keeper is to stop.
+  /// Returns the requests made by `due`, or nothing if the keeper must stop.
   std::optional<Requests> nextRequests(std::optional<Lease::Duration> due) {
     std::unique_lock lock(mutex);
     const auto isAsked = [this] { return isStopping || !wanted.empty(); };
@@ -75,7 +76,7 @@ class LeaseKeeper::Implementation {
   }
 
   void tell(int fan, FanEvent event, const std::string& text) {
-    // A speed that was asked for before its owner heard of this must not force the fan again.
+    // A speed requested before the companion heard of this event must not force the fan again.
     if (event == FanEvent::takenBack || event == FanEvent::periodOver) {
       const std::lock_guard lock(mutex);
       wanted.erase(fan);
@@ -86,11 +87,11 @@ class LeaseKeeper::Implementation {
   const Handler handler;
   std::mutex mutex;
   std::condition_variable changed;
-  // Under the mutex.
+  // Guarded by the mutex.
   Requests wanted;
   bool isStopping = false;
 
-  std::thread thread;  // the last, for it uses the others
+  std::thread thread;  // last, because it uses the others
 };
 
 LeaseKeeper::LeaseKeeper(Handler handler)

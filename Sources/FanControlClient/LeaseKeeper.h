@@ -1,6 +1,6 @@
-// Holds fans at speeds for a companion: forces them, renews the lease, reconnects when the helper
-// has restarted, and gives the fans back. Owned by the companion. Its operations return at once and
-// may be called from any thread; a thread of its own talks to the helper.
+// Holds fans at speeds for a companion: forces them, renews the lease, reconnects after the helper
+// has restarted, and gives the fans back. Owned by the companion. Its operations are thread-safe
+// and return immediately; its own thread talks to the helper.
 #pragma once
 
 #include <cstdint>
@@ -10,35 +10,35 @@
 
 namespace quorvane {
 
-/// What has become of a fan. The last four end its hold.
+/// What happened to a fan. The last four end its hold.
 enum class FanEvent {
-  forced,       ///< The helper has acknowledged the speed; after `unreachable`, once more.
-  unreachable,  ///< The helper cannot be asked. Tried again for as long as the lease may last.
-  givenBack,    ///< In automatic mode, as release() asked.
-  periodOver,   ///< In automatic mode, or not forced at all, as the longest manual period ends.
-  takenBack,    ///< By the lease, the cap, another client, or a helper that left or restarted.
-  refused       ///< The helper said no, or a new hold() could not reach it.
+  forced,       ///< The helper acknowledged the speed; again after `unreachable`.
+  unreachable,  ///< The helper is gone. The keeper retries while the lease may still run.
+  givenBack,    ///< In automatic mode, as the companion asked.
+  periodOver,   ///< In automatic mode, or never forced: the longest manual period ends.
+  takenBack,    ///< By the lease, the cap, another client, or a helper that ended or restarted.
+  refused       ///< The helper refused, or a new hold() could not reach it.
 };
 
 class [[gnu::visibility("default")]] LeaseKeeper {
  public:
-  /// Called on the keeper's thread. `text` is one line for a person, empty for the first event. May
-  /// call hold() and release(), but not destroy the keeper; must not throw.
+  /// Called on the keeper's thread. `text` is one line for a person, empty for `forced`. May call
+  /// hold() and release(). Must not destroy the keeper and must not throw.
   using Handler = std::function<void(int fan, FanEvent event, const std::string& text)>;
 
-  /// Throws std::system_error when no thread can be made.
+  /// Throws std::system_error if it cannot start a thread.
   explicit LeaseKeeper(Handler handler);
-  /// Gives back what is held and forgets what was asked for since. Waits for a call that is under
-  /// way, so up to half a minute when the helper hangs.
+  /// Gives back the held fans and drops the requests that are still waiting. Waits for a call that
+  /// is in progress, so up to half a minute if the helper hangs.
   ~LeaseKeeper();
   LeaseKeeper(const LeaseKeeper&) = delete;
   LeaseKeeper& operator=(const LeaseKeeper&) = delete;
 
-  /// Forces a fan (0 to 9) to a speed in rpm, or changes the speed of one that is held. Which
-  /// speeds there are is for the helper to say. A fan that someone has given back is not forced
-  /// again: `takenBack` and `periodOver` end every hold that was asked for before they are told.
+  /// Forces a fan (0 to 9) to a speed in rpm, or changes the speed of a held fan. The helper
+  /// decides which speeds are valid. `takenBack` and `periodOver` also drop the requests that wait
+  /// when they are reported, so that none forces again a fan that someone gave back.
   void hold(int fan, std::int64_t rpm);
-  /// Puts the fan under automatic control, and no other; without effect when it is not held.
+  /// Puts this fan, and no other, into automatic mode; no-op if it is not held.
   void release(int fan);
 
  private:

@@ -1,5 +1,5 @@
-// The client over NSXPCConnection, compiled with ARC. Foundation gives replies and errors on a
-// queue of its own: in time, late, or never.
+// The client over NSXPCConnection, compiled with ARC. Foundation delivers replies and errors on its
+// own queue: in time, late, or never.
 #include "FanControlClient/FanControlClient.h"
 
 #import <Foundation/Foundation.h>
@@ -15,8 +15,8 @@
 namespace quorvane {
 namespace {
 
-/// What becomes of one call: a reply, or why there is none, or neither for a malformed one. Its
-/// caller may have given up by then, so the blocks share it.
+/// The result of one call: a reply, an error, or neither for a malformed reply. The blocks share
+/// it, because the caller may give up before they run.
 template <class Reply>
 struct Pending {
   void settle(std::optional<Reply> given, NSError* _Nullable reason) {
@@ -29,7 +29,7 @@ struct Pending {
     return dispatch_semaphore_wait(settled, dispatch_time(DISPATCH_TIME_NOW, timeout.count())) == 0;
   }
 
-  // To be read after a wait that did not time out.
+  // Valid after a wait that did not time out.
   std::optional<Reply> reply;
   NSError* _Nullable error = nil;
 
@@ -50,7 +50,8 @@ OutcomeBlock _Nonnull settling(const PendingRef<Outcome>& call) {
   };
 }
 
-/// Sorted by key: a dictionary has no order. Nothing where anything is no text.
+/// Returns the entries sorted by key, because a dictionary has no order. Returns nothing if a key
+/// or a value is not text.
 std::optional<StatusReport> reportFrom(NSDictionary* _Nullable status) {
   if (status == nil) return std::nullopt;
   std::map<std::string, std::string> entries;
@@ -75,7 +76,7 @@ class FanControlClient::Implementation {
     connection = nil;
   }
 
-  /// `send` sends one message to the helper, and has its reply settle the call.
+  /// Calls `send`, which sends one message to the helper; the message's reply settles the call.
   template <class Reply, class Send>
   std::optional<Reply> call(const Send& send) {
     @autoreleasepool {
@@ -114,14 +115,14 @@ class FanControlClient::Implementation {
     [connection resume];
   }
 
-  /// Every failure is the end of the connection.
+  /// Closes the connection: every failure ends it.
   std::nullopt_t fail(std::string reason) {
     disconnect();
     error = std::move(reason);
     return std::nullopt;
   }
 
-  /// macOS does not tell a helper that is not installed from one that refuses us.
+  /// macOS does not distinguish a helper that is not installed from one that refuses the client.
   [[nodiscard]] std::string reasonOf(NSError* _Nonnull reason) const {
     const char* text = hasAnswered ? "the helper closed the connection"
                                    : "the helper is not installed, or refused this client (is it "
@@ -134,7 +135,7 @@ class FanControlClient::Implementation {
   }
 
   NSXPCConnection* _Nullable connection = nil;
-  /// Set on the connection's queue once it is interrupted or invalidated.
+  /// Set on the connection's queue when it is interrupted or invalidated.
   std::shared_ptr<const std::atomic<bool>> isOver;
   bool hasAnswered = false;
 };
@@ -143,7 +144,7 @@ FanControlClient::FanControlClient() : implementation(std::make_unique<Implement
 
 FanControlClient::~FanControlClient() = default;
 
-/// Only an answered call shows that the helper has admitted us.
+/// Only a reply shows that the helper has admitted this client.
 bool FanControlClient::connect() {
   implementation->disconnect();
   return ping().has_value();

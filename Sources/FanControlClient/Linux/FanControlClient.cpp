@@ -19,7 +19,7 @@ class FanControlClient::Implementation {
  public:
   bool connect() {
     const Deadline deadline = nextDeadline();
-    // Only an answered call shows that the helper has admitted us.
+    // Only a reply shows that the helper has admitted this client.
     return reach(deadline) && answerChallenge(deadline) &&
            exchange<std::string>(xpc::PingRequest(), deadline).has_value();
   }
@@ -34,7 +34,7 @@ class FanControlClient::Implementation {
  private:
   static constexpr char closed[] = "the helper closed the connection";
 
-  /// Names who can say more, for the helper ends the connection without a word.
+  /// Names the command that finds the reason, because the helper gives none.
   static std::string refusal() {
     std::error_code error;
     const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
@@ -44,8 +44,8 @@ class FanControlClient::Implementation {
 
   static Deadline nextDeadline() { return std::chrono::steady_clock::now() + replyTimeout; }
 
-  /// Every failure is the end of the connection: an answer that comes too late must not be taken
-  /// for that of a later call. Always false.
+  /// Closes the connection and returns false. Every failure ends it: a late reply must not be taken
+  /// for the reply to a later call.
   bool fail(std::string reason) {
     connection = Descriptor();
     error = std::move(reason);
@@ -109,7 +109,7 @@ class FanControlClient::Implementation {
 
   bool receive(std::string& message, Deadline deadline, const std::string& whenClosed) {
     message.resize(xpc::maxReplySize);
-    // With MSG_TRUNC the result is the message's own size, also when it did not fit.
+    // With MSG_TRUNC recv() returns the message's full size, even if it did not fit.
     const ssize_t size = untilDone(SO_RCVTIMEO, deadline, [&] {
       return recv(connection.get(), message.data(), message.size(), MSG_TRUNC);
     });
@@ -122,8 +122,7 @@ class FanControlClient::Implementation {
     return true;
   }
 
-  /// Repeats a blocking call that a signal interrupts; a signal is no reason to give up. EAGAIN
-  /// says that the deadline has come.
+  /// Repeats a blocking call that a signal interrupts. EAGAIN means that the deadline has passed.
   template <class Call>
   ssize_t untilDone(int direction, Deadline deadline, const Call& blockingCall) const {
     for (;;) {
