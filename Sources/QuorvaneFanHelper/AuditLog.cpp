@@ -17,7 +17,8 @@ namespace {
 
 constexpr mode_t filePermissions = 0644;
 
-/// RFC 3339 in UTC with whole seconds: "2025-03-01T12:00:05Z". Formats once a second.
+/// Returns the time as in RFC 3339, in UTC with whole seconds: "2025-03-01T12:00:05Z". Formats it
+/// once a second.
 std::string_view timestamp() {
   static std::time_t formatted = -1;
   static char text[sizeof "2025-03-01T12:00:05Z"] = {};
@@ -31,8 +32,8 @@ std::string_view timestamp() {
   return text;
 }
 
-/// False when there is no file that can be opened; a line that could not be written to an open one
-/// is lost.
+/// Returns false if the file cannot be opened. A line that cannot be written to an open file is
+/// lost.
 bool appendToExisting(const std::string& path, std::string_view line) {
   const Descriptor file = openFile(path, O_WRONLY | O_APPEND);
   if (file) writeAll(file.get(), line);
@@ -42,11 +43,10 @@ bool appendToExisting(const std::string& path, std::string_view line) {
 void writeNew(const std::string& path, std::string_view line) {
   std::error_code ignored;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-  // Not truncated: what could not be opened a moment ago may be there by now. Not exclusive: a link
-  // that leads nowhere yet gets its file.
+  // No O_TRUNC: the file may exist by now. No O_EXCL: a dangling link gets its target.
   const Descriptor file = openFile(path, O_WRONLY | O_CREAT | O_APPEND, filePermissions);
   if (file) writeAll(file.get(), line);
-  // Whether or not that worked; the mode given above is subject to the umask.
+  // Also after a failed open. The umask limits the mode given to open().
   ::chmod(path.c_str(), filePermissions);
 }
 
@@ -59,7 +59,7 @@ void audit(std::string_view message) {
   line.reserve(time.size() + separator.size() + message.size() + lineFeed.size());
   line.append(time).append(separator).append(message).append(lineFeed);
   const std::string path = systemPath(FanControlConstants::auditLogPath);
-  // A file that opens has its folder.
+  // If the file opens, its folder exists.
   if (!appendToExisting(path, line)) writeNew(path, line);
 }
 

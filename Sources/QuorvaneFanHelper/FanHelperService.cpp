@@ -33,7 +33,7 @@ std::string joined(const std::set<std::int64_t>& fans, std::string_view separato
 }
 
 std::string readModel() {
-  // The calls' results say nothing that the size and the buffer do not.
+  // Ignores the calls' results: the size and the buffer show a failure.
   std::size_t size = 0;
   sysctlbyname("hw.model", nullptr, &size, nullptr, 0);
   if (size < 1) return "Unknown";
@@ -69,14 +69,12 @@ void FanHelperService::startup() {
 void FanHelperService::shutdownReleasing() {
   queue.sync([this] {
     restoreAllLocked("shutdown");
-    // A write that was queued behind this block would force a fan again with nobody left to release
-    // it.
+    // A write queued behind this block would force a fan again, and nothing would restore it.
     queue.suspend();
   });
 }
 
-// The twenty keys are four ASCII bytes each, so that comparing bytes refuses every other text,
-// whatever its characters.
+// The twenty keys are four ASCII bytes each, so a comparison of bytes refuses every other text.
 std::optional<FanHelperService::FanKey> FanHelperService::classify(std::string_view key) {
   if (key.size() != 4 || key[0] != 'F' || key[1] < '0' || key[1] > '9') return std::nullopt;
   const std::int64_t index = key[1] - '0';
@@ -154,9 +152,8 @@ void FanHelperService::noteReleasedLocked(std::int64_t index) {
   if (forcedFans.empty()) cancelTimersLocked();
 }
 
-// A renewal replaces the lease and leaves the cap alone, so that no renewal outlasts the cap. The
-// fresh timer matters: the old one is cancelled as it goes, and with it a handler that is already
-// waiting on the queue.
+// A renewal replaces the lease and keeps the cap, so that no renewal outlasts the cap. The timer
+// must be a new one: the end of the old one cancels a handler that already waits on the queue.
 void FanHelperService::armWatchdogLocked() {
   watchdog.emplace(queue, lease, [weakSelf = weak_from_this()] {
     if (const auto self = weakSelf.lock()) self->leaseExpiredLocked();
@@ -197,7 +194,7 @@ void FanHelperService::restoreAllLocked(std::string_view reason) {
     try {
       smc.writeByte("F" + std::to_string(fan) + "Md", automaticMode);
     } catch (const SMCError&) {
-      // The other fans still want their turn, and there is nobody to tell.
+      // Continues with the other fans. There is nobody to report to.
     }
   }
   if (!forcedFans.empty()) {
@@ -208,8 +205,8 @@ void FanHelperService::restoreAllLocked(std::string_view reason) {
   cancelTimersLocked();
 }
 
-/// With no fan forced by this process a fan may still be left over from one that crashed: then all
-/// that the SMC counts, and at least the first.
+/// Returns the forced fans. If there are none, a crashed process may have left some forced: returns
+/// every fan that the SMC counts, and at least the first.
 std::set<std::int64_t> FanHelperService::fansToRestoreLocked() {
   if (!forcedFans.empty()) return forcedFans;
   std::set<std::int64_t> fans;

@@ -1,7 +1,7 @@
-// The one object that the helper exports, and the sole owner of fan state: the SMC connection, the
-// forced fans, the lease and its cap. Its serial queue is its only lock: whatever touches the
-// mutable fields, the SMC or the audit log runs in a block on it, and methods whose names end in
-// Locked run nowhere else and never dispatch to it.
+// The one object that the helper exports, and the only owner of fan state: the SMC connection, the
+// forced fans, the lease and its cap. Its serial queue is its only lock. The mutable fields, the
+// SMC and the audit log are used only in blocks on it. Methods whose names end in Locked run only
+// there and never dispatch to it.
 #pragma once
 
 #include <os/log.h>
@@ -24,27 +24,25 @@ namespace quorvane {
 class FanHelperService final : public FanControlXPC,
                                public std::enable_shared_from_this<FanHelperService> {
  public:
-  /// Touches neither the SMC nor a file.
+  /// Uses no SMC and no file.
   FanHelperService();
 
-  /// Opens the SMC, puts every fan into automatic mode and records the start; returns when that is
-  /// done. Called once, from the main thread, before any connection is accepted. Goes on without an
-  /// SMC that cannot be opened.
+  /// Opens the SMC, puts every fan into automatic mode, records the start, and then returns.
+  /// Continues if the SMC cannot be opened. Called once, on the main thread, before any connection
+  /// is accepted.
   void startup();
 
-  /// Waits for what is queued, puts the fans into automatic mode, and lets nothing run on the queue
-  /// afterwards; nor may the service be destroyed then. Called from the main queue, right before
-  /// the process ends.
+  /// Waits for the queued work, restores the fans and suspends the queue. The service must not be
+  /// destroyed afterwards. Called on the main queue, immediately before the process ends.
   void shutdownReleasing();
 
   void writeFanKey(std::string key, std::int64_t value, bool isFloat, OutcomeReply reply) override;
   void restoreAuto(OutcomeReply reply) override;
   void status(StatusReply reply) override;
-  /// Replies before it returns, on the caller's thread, however busy the queue is.
+  /// Replies on the caller's thread before it returns, however busy the queue is.
   void ping(PingReply reply) override;
 
-  /// The machine's model identifier, or "Unknown"; read at the first call. Callable from any
-  /// thread.
+  /// Returns the machine's model identifier, or "Unknown". Read at the first call. Thread-safe.
   static const std::string& model();
 
  private:
@@ -65,7 +63,7 @@ class FanHelperService final : public FanControlXPC,
   static std::optional<std::string> valueRefusal(const FanKey& fanKey, std::int64_t value,
                                                  bool isFloat);
 
-  /// Yields why the key was not written, or nothing when it was.
+  /// Returns the reason why the key was not written, or nothing on success.
   std::optional<std::string> performWriteLocked(const std::string& key, std::int64_t value,
                                                 bool isFloat);
   void sendLocked(const FanKey& fanKey, const std::string& key, std::int64_t value);
@@ -77,11 +75,11 @@ class FanHelperService final : public FanControlXPC,
   void leaseExpiredLocked();
   void hardCapReachedLocked();
 
-  /// Best effort: a mode key that cannot be written stops nothing.
+  /// Best effort: continues after a mode key that cannot be written.
   void restoreAllLocked(std::string_view reason);
   std::set<std::int64_t> fansToRestoreLocked();
 
-  /// As the SMC reports it now; 0 when it does not.
+  /// The count in the SMC, or 0 if it cannot be read.
   unsigned fanCountLocked();
   StatusReport statusReportLocked();
 

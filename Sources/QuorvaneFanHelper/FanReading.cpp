@@ -6,7 +6,7 @@ void connectIfThere(HelperSMC& smc) {
   try {
     smc.connect();
   } catch (const SMCError&) {
-    // As described.
+    // The readings stay empty.
   }
 }
 
@@ -16,7 +16,7 @@ std::optional<std::int64_t> readSpeed(HelperSMC& smc, const std::string& key) {
   const auto bytes = smc.readRaw(key);
   if (!bytes) return std::nullopt;
   const std::optional<double> speed = HelperSMC::decode(*bytes, info->dataType, info->dataSize);
-  // Outside these bounds, and for NaN, the conversion would be undefined.
+  // The conversion is undefined outside these bounds and for NaN.
   if (!speed || !(*speed >= -0x1p63 && *speed < 0x1p63)) return std::nullopt;
   return static_cast<std::int64_t>(*speed);
 }

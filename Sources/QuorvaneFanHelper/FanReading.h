@@ -1,5 +1,5 @@
-// What the SMC tells of a fan, for probe mode and for fanctl. Only reads, over a connection that
-// the caller owns and on the caller's thread.
+// The SMC's data about a fan, for probe mode and for fanctl. Only reads, over the caller's
+// connection and on the caller's thread.
 #pragma once
 
 #include <cstdint>
@@ -10,15 +10,15 @@
 
 namespace quorvane {
 
-/// Speeds in rpm, without their fractions. Nothing where the key is missing, may not be read or
-/// holds no number that fits.
+/// Speeds in rpm, without their fractions. A field is empty if its key is missing, cannot be read
+/// or holds no number that fits.
 struct FanReading {
   std::optional<std::int64_t> actual, target, minimum, maximum;
   /// 0 automatic, 1 forced.
   std::optional<std::uint8_t> mode;
 };
 
-/// Without an SMC that this user may open, every reading is nothing.
+/// Connects if there is an SMC that this user may open. Otherwise every reading is empty.
 void connectIfThere(HelperSMC& smc);
 
 std::optional<std::int64_t> readSpeed(HelperSMC& smc, const std::string& key);

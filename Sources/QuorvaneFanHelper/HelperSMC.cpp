@@ -12,8 +12,8 @@ constexpr char driverClass[] = "AppleSMC";
 constexpr char keysEndpoint[] = "AppleSMCKeysEndpoint";
 constexpr std::uint32_t structMethod = 2;
 
-// The driver's parameter record. Every field of more than one byte is little-endian; what a request
-// does not set goes out as zero.
+// The driver's parameter record. Fields of more than one byte are little-endian. Fields that a
+// request does not set are zero.
 constexpr std::size_t keyOffset = 0;
 constexpr std::size_t dataSizeOffset = 28;
 constexpr std::size_t dataTypeOffset = 32;
@@ -36,11 +36,11 @@ std::uint32_t load(std::span<const std::uint8_t> record, std::size_t offset) {
 bool isKeysEndpoint(io_service_t service) {
   io_name_t name = {};
   if (IORegistryEntryGetName(service, name) != KERN_SUCCESS) return false;
-  // Bytes suffice: text that needs decoding is never equal to this name.
+  // Comparing bytes suffices: a text that needs decoding never equals this name.
   return std::strncmp(name, keysEndpoint, sizeof name) == 0;
 }
 
-/// The endpoint's service, which the caller releases, or 0.
+/// Returns the endpoint's service, which the caller releases, or 0.
 io_service_t findKeysEndpoint(io_iterator_t services) {
   while (const io_service_t service = IOIteratorNext(services)) {
     if (isKeysEndpoint(service)) return service;
@@ -142,8 +142,8 @@ std::optional<std::vector<std::uint8_t>> HelperSMC::readRaw(std::string_view key
   return std::vector<std::uint8_t>(first, first + static_cast<std::ptrdiff_t>(count));
 }
 
-// Judged less strictly than a read: a write that the driver and the SMC call good has taken effect,
-// however little of the record came back.
+// Less strict than a read: a write that the driver and the SMC accept has taken effect, even if the
+// reply is short.
 void HelperSMC::write(FourCC code, const KeyInfo& info,
                       std::span<const std::uint8_t> payload) const {
   if (!isOpen) throw SMCError::notOpen();
@@ -166,7 +166,7 @@ std::optional<std::uint8_t> HelperSMC::readByte(std::string_view key) {
 void HelperSMC::writeByte(std::string_view key, std::uint8_t value) {
   const FourCC code = keyCode(key);
   const std::optional<KeyInfo> info = keyInfo(code);
-  // The value stands in the last byte: one beyond the record's data area would not be sent at all.
+  // The value is the last byte. Beyond the record's data area it would not be sent.
   if (!info || info->dataSize == 0 || info->dataSize > dataCapacity) throw SMCError::keyMissing();
   std::vector<std::uint8_t> payload(info->dataSize, 0);
   payload.back() = value;

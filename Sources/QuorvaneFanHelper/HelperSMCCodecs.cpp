@@ -1,5 +1,5 @@
-// Between a key's bytes and a number. Single precision is stored least significant byte first,
-// every integer and fixed-point type most significant byte first.
+// Conversions between a key's bytes and a number. Single precision is little-endian; every integer
+// and fixed-point type is big-endian.
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -31,7 +31,7 @@ std::uint16_t decodeBigEndian16(std::span<const std::uint8_t> bytes) {
   return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
 }
 
-/// Of a value that is not negative: rounded half away from zero, at most `max`.
+/// Rounds a value that is not negative, half away from zero, to at most `max`.
 std::uint16_t saturate(double value, double max) {
   return static_cast<std::uint16_t>(std::round(std::min(value, max)));
 }
@@ -40,7 +40,7 @@ std::vector<std::uint8_t> encodeBigEndian16(std::uint16_t value) {
   return {static_cast<std::uint8_t>(value >> 8), static_cast<std::uint8_t>(value & 0xFF)};
 }
 
-/// The reading of a type that is not known, or known but longer than the bytes at hand.
+/// Decodes an unknown type, or a known one with too few bytes.
 std::optional<double> decodeBySize(std::span<const std::uint8_t> bytes, std::int64_t size) {
   if (size >= 4 && bytes.size() >= 4) return decodeSingle(bytes);
   if (size >= 2 && bytes.size() >= 2) return decodeBigEndian16(bytes) / fpe2Scale;

@@ -16,20 +16,20 @@
 namespace quorvane {
 namespace {
 
-/// Memory for when there is none. The restore was measured on Linux to need 40 KB at once for ten
-/// fans, of which 33 KB are libc's for reading a folder. glibc would give a block of 128 KiB back
-/// to the kernel, where another process may take it.
+/// Memory for a process that has none left. On Linux a restore of ten fans was measured to need 40
+/// KB at once, of which libc uses 33 KB to read a folder. glibc would return a block of 128 KiB to
+/// the kernel, and another process might take it.
 constexpr std::size_t reserveBytes = std::size_t{64} * 1024;
 
-/// A driver that hangs must not keep the process, and so the next one, from its end. A restore
-/// takes milliseconds.
+/// A driver that hangs must not keep this process from ending, because the next one waits for that.
+/// A restore takes milliseconds.
 constexpr unsigned timeLimitSeconds = 5;
 
 const char* reserve = nullptr;
 std::terminate_handler endAsBefore = nullptr;
 std::atomic<pthread_t> failedThread{};
 
-/// Of the whole rest of the process, which may also wait for whoever reads its standard error.
+/// Limits the rest of the process, which may also block on its standard error.
 void limitTime() {
   signal(SIGALRM, SIG_DFL);
   sigset_t own;
@@ -47,7 +47,7 @@ void restoreFans() {
     try {
       smc.writeByte("F" + std::to_string(fan) + "Md", 0);
     } catch (...) {
-      // The other fans still want their turn, and there is nobody to tell.
+      // Continues with the other fans. There is nobody to report to.
     }
   }
 }
@@ -55,9 +55,9 @@ void restoreFans() {
 void restoreFansAndEnd() {
   pthread_t first{};
   if (!failedThread.compare_exchange_strong(first, pthread_self())) {
-    // Another thread failed before this one and needs the process a moment longer.
+    // Another thread failed first and still needs the process.
     while (pthread_equal(first, pthread_self()) == 0) pause();
-    endAsBefore();  // This one did, and has failed again: nothing is left to try.
+    endAsBefore();  // This thread failed first, and has failed again.
   }
   limitTime();
   delete[] reserve;
@@ -74,8 +74,8 @@ void restoreFansAndEnd() {
 
 void installLastResort() {
   forcingTurn();
-  // Zeros, so that its pages are there. On the main thread, whose heap glibc gives to any thread
-  // that has used up its own.
+  // Zeros, so that its pages exist. Allocated on the main thread, because glibc gives that thread's
+  // heap to any thread that has used up its own.
   reserve = new char[reserveBytes]();
   endAsBefore = std::set_terminate(restoreFansAndEnd);
 }

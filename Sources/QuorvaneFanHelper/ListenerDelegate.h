@@ -1,5 +1,5 @@
-// Exports the one service on every connection and binds the connection to the companion's
-// signature. Keeps no state of connections. Called on the listener's thread.
+// Exports the one service on every connection, and sets the companion's signature as the
+// connection's requirement. Keeps no state of connections. Called on the listener's thread.
 #pragma once
 
 #include <memory>
@@ -12,7 +12,7 @@ class ListenerDelegate final : public xpc::ListenerDelegate {
  public:
   explicit ListenerDelegate(std::shared_ptr<FanControlXPC> exported);
 
-  /// Always true: who may talk to the helper is decided by the requirement alone.
+  /// Returns true: the requirement alone decides who may call the helper.
   bool shouldAcceptNewConnection(xpc::Connection& newConnection) override;
 
  private:

@@ -1,4 +1,4 @@
-// Why the SMC was not opened or a key not written. A value; thrown by HelperSMC and nothing else.
+// Why the SMC was not opened or a key not written. A value. HelperSMC throws it and nothing else.
 #pragma once
 
 #include <cstdint>
@@ -10,15 +10,15 @@ class SMCError {
  public:
   /// The driver call returned something other than KERN_SUCCESS.
   static SMCError callFailed(std::int32_t kernReturn) { return {Case::callFailed, kernReturn}; }
-  /// The SMC answered with a result byte other than 0.
+  /// The SMC's result byte is not 0.
   static SMCError resultError(std::uint8_t result) { return {Case::resultError, result}; }
   /// There is no connection to the driver.
   static SMCError notOpen() { return {Case::notOpen, 0}; }
-  /// The SMC does not know the key, or the value cannot be put into the key's format.
+  /// The SMC does not know the key, or the key's format cannot hold the value.
   static SMCError keyMissing() { return {Case::keyMissing, 0}; }
 
-  /// The case's name, with its payload in decimal where it has one: "resultError(132)". Replies,
-  /// log and probe output carry this text.
+  /// Returns the case's name, with its payload in decimal if it has one: "resultError(132)".
+  /// Replies, the log and probe output contain this text.
   [[nodiscard]] std::string text() const {
     switch (kind) {
       case Case::callFailed:

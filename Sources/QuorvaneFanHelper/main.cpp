@@ -1,6 +1,5 @@
-// The executable's entry: probe mode, or the daemon that brings the fans to a safe baseline, sees
-// to it that SIGTERM and SIGINT hand them back, and then serves its clients until one of the two
-// arrives.
+// The executable's entry: probe mode, or the daemon. The daemon puts the fans into automatic mode,
+// makes SIGTERM and SIGINT restore them, and serves its clients until one of the two arrives.
 #include <dispatch/dispatch.h>
 #include <os/log.h>
 #include <signal.h>
@@ -32,9 +31,9 @@ using FanControlConstants::helperMachService;
   std::exit(EXIT_FAILURE);
 }
 
-/// From here on SIGTERM and SIGINT wait for their sources. Linux keeps a signal that is blocked for
-/// its source even while it is ignored; XNU discards it. To begin to ignore a signal discards one
-/// that waits, on either system: yields those that waited just before.
+/// Blocks SIGTERM and SIGINT for their sources, and ignores them. Linux keeps a blocked signal for
+/// its source even if it is ignored; XNU discards it. Both systems discard a pending signal when it
+/// becomes ignored, so this returns the signals that were pending before.
 sigset_t holdSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -50,23 +49,23 @@ sigset_t holdSignals() {
 
 [[noreturn]] void restoreAndExit(FanHelperService& service) {
   service.shutdownReleasing();
-  // A last resort that is under way comes to its end, and none begins.
+  // Blocks until a running last resort ends the process, and keeps another from starting.
   forcingTurn().lock();
   std::exit(EXIT_SUCCESS);
 }
 
-/// Everything made here lives until the process ends: neither exit() nor macOS's dispatch_main(),
-/// which ends the main thread, unwinds anything.
+/// Everything created here lives until the process ends. exit() unwinds nothing, and macOS's
+/// dispatch_main(), which ends the main thread, unwinds nothing either.
 [[noreturn]] void runDaemon(os_log_t log) {
-  // A line that nobody can read, or that the disk does not take, is an error to its writer and not
-  // the end of the fans' guard; nor is a terminal that is closed, or its keys to quit and to stop.
+  // The daemon survives a reader that is gone, a file at its size limit, a closed terminal, and the
+  // terminal's keys to quit and to stop. A write of its own only fails.
   for (const int each : {SIGPIPE, SIGXFSZ, SIGHUP, SIGQUIT, SIGTSTP, SIGTTOU}) {
     signal(each, SIG_IGN);
   }
-  // As the service managers have it, for a start by hand: nobody else writes into our folders.
+  // For a start by hand; service managers set the same. Only we may write into our folders.
   umask(022);
   if (const auto obstacle = xpc::claimMachService(helperMachService)) fail(*obstacle);
-  // Not before: another process's fans are not ours to free.
+  // After the claim: the fans of another process are not ours to restore.
   installLastResort();
 
   const auto service = std::make_shared<FanHelperService>();
