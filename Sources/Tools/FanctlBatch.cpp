@@ -33,19 +33,20 @@ std::vector<std::string_view> splitAtTabs(std::string_view line) {
   }
 }
 
-/// A decimal number of seconds, fractions allowed. It begins with a digit: no sign, no "inf".
+/// Parses a decimal number of seconds, fractions allowed. It must begin with a digit, so a sign and
+/// "inf" are malformed.
 std::optional<Seconds> parseSeconds(std::string_view text) {
   if (text.empty() || text.front() == '.') return std::nullopt;
   if (text.find_first_not_of("0123456789.") != std::string_view::npos) return std::nullopt;
   const std::string number(text);
-  // Not from_chars(), which macOS's library has for integers only.
+  // Not from_chars(): macOS's library has it for integers only.
   char* end = nullptr;
   const Seconds duration(std::strtod(number.c_str(), &end));
   if (*end != '\0' || duration > maxSleep) return std::nullopt;
   return duration;
 }
 
-/// Empty for a malformed line.
+/// Returns an empty call for a malformed line.
 Call parseLine(std::string_view line) {
   const std::vector<std::string_view> fields = splitAtTabs(line);
   if (fields[0] != "sleep") return parseCall(fields);

@@ -1,4 +1,4 @@
-// fanctl batch: commands from a script, answers to a script, one line each, over one connection.
+// fanctl batch: reads commands from a script and answers each with one line, on one connection.
 #pragma once
 
 #include <chrono>
@@ -11,13 +11,13 @@ namespace quorvane::fanctl {
 /// Twice the longest manual period.
 inline constexpr std::chrono::hours maxSleep{1};
 
-/// Carries out the lines of `commands` until its end, until one is malformed (badUsage) or until
-/// the helper is gone (unreachable). Each answer is flushed before the next line is read.
+/// Executes the lines of `commands` until they end, until one is malformed (badUsage) or until the
+/// helper is gone (unreachable). Flushes each answer before it reads the next line.
 ///
-/// A line is a command and its arguments, separated by tabs: ping, status, auto,
-/// write KEY VALUE [float], sleep SECONDS. The answers: the ping text; the status as key=value
-/// fields separated by tabs; for the others "true", or "false", a tab and the helper's message.
-/// A tab or line feed inside a text of the helper is shown as a blank; a key cannot hold one.
+/// A line is a command and its arguments, separated by tabs: ping, status, auto, write KEY VALUE
+/// [float], sleep SECONDS. The answers are the ping text; the status as key=value fields separated
+/// by tabs; otherwise "true", or "false", a tab and the helper's message. A tab or line feed in a
+/// text of the helper becomes a blank. A key cannot contain one.
 ExitStatus runBatch(FanControlClient& client, std::FILE* commands, std::FILE* answers);
 
 }  // namespace quorvane::fanctl

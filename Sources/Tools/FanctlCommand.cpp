@@ -14,7 +14,7 @@ Call parseWrite(Arguments arguments) {
   if (arguments.size() != 2 && arguments.size() != 3) return {};
   const std::string_view flag = arguments.size() == 3 ? arguments[2] : "";
   if (!flag.empty() && flag != "float") return {};
-  // The channel carries no other text: such a key would cost us the connection.
+  // The channel accepts valid UTF-8 only: the helper would close the connection.
   if (!isValidUTF8(arguments[0])) return {};
   const std::optional<std::int64_t> value = parseInteger(arguments[1]);
   if (!value) return {};

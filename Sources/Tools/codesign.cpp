@@ -1,5 +1,5 @@
-// quorvane-codesign: signs executables for the helper's admission, and says who has signed one. The
-// helper itself starts it to learn whether a client meets a requirement.
+// quorvane-codesign: signs executables for the helper's admission, and says who signed one. The
+// helper starts it to learn whether a client meets a requirement.
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <sys/prctl.h>
@@ -49,7 +49,7 @@ verify   says who has signed FILE, or why the helper would take it for unsigned;
 exit status: 0 done, 1 it could not be signed or is not signed as it must be, 2 bad usage)";
 
 using Arguments = std::span<const std::string_view>;
-/// The values of the options by their names, and FILE.
+/// The options' values by name, and FILE.
 using Options = std::map<std::string_view, std::string>;
 
 int show(const std::string& text) {
@@ -67,7 +67,7 @@ int refuse(const std::string& file, const std::string& reason) {
   return exitRefused;
 }
 
-/// In DER; empty, with the reason in libcrypto's queue of errors, when it cannot be made.
+/// Returns the signature in DER; empty on failure, with the reason in libcrypto's error queue.
 Bytes signatureOver(const std::string& content, EVP_PKEY* key,
                     std::span<const Certificate> certificates) {
   constexpr unsigned flags = CMS_BINARY | CMS_NOSMIMECAP | CMS_PARTIAL;
@@ -82,9 +82,9 @@ Bytes signatureOver(const std::string& content, EVP_PKEY* key,
   return isMade ? encodingOf(*cms) : Bytes();
 }
 
-/// False, with the reason in errno, when the file is not replaced.
+/// Returns false, with the reason in errno, if the file was not replaced.
 bool replaceFile(const std::string& path, const Bytes& bytes) {
-  // Only a file of the same folder can be moved into place in one step.
+  // In the same folder, so that rename() replaces the file in one step.
   std::string fresh = path + ".XXXXXX";
   const Descriptor file(mkostemp(fresh.data(), O_CLOEXEC));
   if (!file) return false;
@@ -148,12 +148,13 @@ int verify(Options options) {
               ", valid until " + signer.validUntil);
 }
 
-/// The helper's question: does the process of that number meet the requirement? Its files may hold
-/// us up for good; then the helper ends us, or its own end does.
+/// Answers the helper's question: does this process meet the requirement? The process's files may
+/// block this call forever. Then the helper kills it at the deadline, or the kernel does when the
+/// helper ends.
 int admit(std::string_view requirement, const std::string& pid, const std::string& guard) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != std::atoi(guard.c_str())) return exitRefused;  // it has ended before that
-  setsid();                                                       // no terminal means us any more
+  if (getppid() != std::atoi(guard.c_str())) return exitRefused;  // the helper has already ended
+  setsid();                                                       // no terminal's signals come here
   const Descriptor executable = openPeerExecutable(std::atoi(pid.c_str()));
   if (!executable) return exitRefused;
   const Verdict verdict = verifySignature(executable.get());
@@ -161,7 +162,8 @@ int admit(std::string_view requirement, const std::string& pid, const std::strin
   return peer != nullptr && requirementHolds(requirement, *peer) ? exitDone : exitRefused;
 }
 
-/// Nothing unless the arguments are options of these names, each once and with a value, and a FILE.
+/// Returns nothing unless the arguments are one FILE and options from `names`, each at most once
+/// and with a value.
 std::optional<Options> parse(Arguments arguments, std::initializer_list<std::string_view> names) {
   Options options;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -200,7 +202,7 @@ int main(int argc, char** argv) {
   try {
     const std::vector<std::string_view> arguments(argv + std::min(argc, 1), argv + argc);
     return quorvane::codesigning::run(arguments);
-  } catch (const std::exception&) {  // short of memory
+  } catch (const std::exception&) {  // out of memory
     return quorvane::codesigning::exitRefused;
   }
 }

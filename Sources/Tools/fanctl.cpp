@@ -1,4 +1,4 @@
-// The companion on the command line: one command, and an exit status that says what came of it.
+// The companion on the command line: executes one command and reports success as the exit status.
 #include <getopt.h>
 
 #include <algorithm>
@@ -42,7 +42,7 @@ exit status: 0 done, 1 the helper refused, a forced fan was taken back, no fan
 can be read or the output cannot be written, 2 bad usage, 3 the helper cannot
 be reached or cut us off; fanctl(1) tells more)";
 
-/// What is wrong with the arguments, or nothing.
+/// Returns what is wrong with the arguments; empty if they are valid.
 std::string parseForce(Arguments arguments, ForceRequests& requests) {
   std::vector<std::string> pairs(arguments.begin(), arguments.end());
   const bool isOneFan = pairs.size() == 2 && pairs[0].find('=') == std::string::npos;
@@ -84,7 +84,7 @@ ExitStatus reportBadUsage(Arguments arguments) {
 
 using Members = std::vector<std::pair<std::string, std::string>>;
 
-/// A JSON string of valid UTF-8.
+/// Returns a JSON string. The text must be valid UTF-8.
 std::string quote(const std::string& text) {
   constexpr char digits[] = "0123456789abcdef";
   std::string json = "\"";
@@ -95,7 +95,7 @@ std::string quote(const std::string& text) {
   return json + '"';
 }
 
-/// The values are JSON already.
+/// The values must be JSON.
 std::string object(const Members& members) {
   std::string json;
   for (const auto& [key, value] : members) {
@@ -139,7 +139,7 @@ std::string render(unsigned fan, const FanReading& reading, bool asJSON) {
   return line;
 }
 
-/// Asks the SMC and not the helper, so it needs no admission.
+/// Reads the SMC itself, so it needs no admission.
 ExitStatus showFans(bool asJSON) {
   HelperSMC smc;
   connectIfThere(smc);
@@ -155,7 +155,7 @@ ExitStatus showFans(bool asJSON) {
   return print(text + (asJSON ? "]\n" : "\n"));
 }
 
-/// The commands that take the helper.
+/// Runs the commands that need the helper.
 ExitStatus ask(Arguments arguments, bool asJSON) {
   const bool isForce = arguments[0] == "force";
   const bool isBatch = arguments[0] == "batch" && arguments.size() == 1;
@@ -176,7 +176,7 @@ ExitStatus ask(Arguments arguments, bool asJSON) {
   return reply ? show(reply, asJSON) : reportUnreachable(client);
 }
 
-/// An operand, which is the helper's to refuse, and no option.
+/// A negative number is an operand, which the helper refuses, and not an option.
 bool isNegativeNumber(std::string_view argument) {
   return argument.size() > 1 && argument[0] == '-' && parseInteger(argument).has_value();
 }
@@ -188,7 +188,7 @@ ExitStatus run(int argc, char* argv[]) {
                                        {}};
   std::vector<std::string_view> operands;
   bool asJSON = false;
-  // The "-" has operands handed out in their place, as 1: options may follow them everywhere.
+  // The "-" makes getopt_long() return operands in their order, as 1, so options may follow them.
   while (optind < argc) {
     if (isNegativeNumber(argv[optind])) {
       operands.emplace_back(argv[optind++]);
@@ -210,7 +210,7 @@ ExitStatus run(int argc, char* argv[]) {
   return isFans ? showFans(asJSON) : ask(operands, asJSON);
 }
 
-/// What was not written is not done.
+/// Output that was not written makes the command fail.
 ExitStatus finish(ExitStatus status) {
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
   return std::max(complain(refused, "the output cannot be written"), status);

@@ -1,6 +1,5 @@
-// smcsim: makes, shows and edits the simulated SMC, beside the processes that use it. Its own
-// accesses are not struct calls and leave no trace. Exit status: 0 done, 1 it could not be done,
-// 2 bad usage.
+// smcsim: makes, shows and edits the simulated SMC while other processes use it. Its own accesses
+// are not struct calls and leave no trace. Exit status: 0 done, 1 failed, 2 bad usage.
 #include <errno.h>
 #include <signal.h>
 #include <time.h>
@@ -81,7 +80,7 @@ std::optional<std::vector<std::uint8_t>> parseHex(std::string_view text) {
   return bytes;
 }
 
-/// Does `edit` to one key of the machine. Its answer, unless empty, says why it could not.
+/// Applies `edit` to one key of the machine. `edit` returns why it failed, or an empty string.
 int editKey(std::string_view name, const std::function<std::string(SMCMachine&, Key&)>& edit) {
   if (name.size() != 4) return misused("a key has four characters");
   const std::string path = systemPath(smcPath);
@@ -161,7 +160,7 @@ int showOnce() {
   const std::string path = systemPath(smcPath);
   SMCMachine machine;
   {
-    SMCFile file;  // Not held while a slow terminal takes the text.
+    SMCFile file;  // Released before a slow terminal blocks.
     if (const int error = file.open(path, SMCFile::Access::read); error != 0) {
       return fileFailed(path, error);
     }
@@ -172,7 +171,7 @@ int showOnce() {
 }
 
 int watch() {
-  // Blocked, SIGINT waits for us in sigtimedwait, even where it was ignored when we started.
+  // sigtimedwait() receives a blocked SIGINT, even if SIGINT was ignored at the start.
   sigset_t interrupt;
   sigemptyset(&interrupt);
   sigaddset(&interrupt, SIGINT);
