@@ -1,4 +1,4 @@
-/* A companion in C: holds a fan at a speed until Enter or the end of its input, and tells what becomes of it.
+/* A companion in C: holds a fan at a speed until Enter or the end of its input, and reports what happens to it.
  *
  * usage: companion-c FAN RPM */
 #include <FanControlClient/FanControlC.h>

@@ -1,4 +1,4 @@
-"""A companion in Python: holds a fan at a speed until Enter or the end of its input, and tells what becomes of it.
+"""A companion in Python: holds a fan at a speed until Enter or the end of its input, and reports what happens to it.
 
 usage: companion.py FAN RPM     (with a signed interpreter: see README.md)
 """
@@ -39,4 +39,4 @@ if not keeper:
     sys.exit("no memory")
 library.quorvane_keeper_hold(keeper, int(sys.argv[1]), int(sys.argv[2]))
 sys.stdin.readline()
-library.quorvane_keeper_free(keeper)  # gives the fan back; it waits for tell(), so ctypes lets the interpreter run
+library.quorvane_keeper_free(keeper)  # gives the fan back; ctypes releases the interpreter lock, so tell() can run meanwhile

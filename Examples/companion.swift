@@ -1,5 +1,5 @@
-// A companion in Swift for macOS, over XPC and without the library: holds a fan at a speed until Enter, and tells what
-// becomes of it. Nothing of it has been compiled or run: it was written without a Mac.
+// A companion in Swift for macOS, over XPC and without the library: holds a fan at a speed until Enter, and reports what
+// happens to it. It was written without a Mac and has never been compiled or run.
 //
 // usage: companion FAN RPM
 import Foundation
@@ -19,7 +19,7 @@ connection.remoteObjectInterface = NSXPCInterface(with: FanControlXPC.self)
 connection.setCodeSigningRequirement("identifier \"com.quorvane.fanhelper\" and anchor apple generic and "
   + "certificate leaf[subject.OU] = \"\(team)\"")
 
-// Each call waits for its reply, so that one follows the other.
+// Waits for the reply, so that calls follow each other.
 func call(_ what: (FanControlXPC, @escaping () -> Void) -> Void) -> Bool {
   var answered = false
   let proxy = connection.synchronousRemoteObjectProxyWithErrorHandler { print("no answer: \($0)") }
@@ -43,13 +43,13 @@ func isForced() -> Bool {
     && forced.contains(fan)
 }
 
-// An interrupted connection mends itself at the next call, which also has launchd start the helper again: so it is made
-// at once, and a helper that has just started puts the fans into automatic mode.
+// The next call reconnects an interrupted connection and makes launchd start the helper. So this calls immediately: a
+// helper that starts puts the fans into automatic mode.
 connection.interruptionHandler = { _ = call { helper, settle in helper.ping { _ in settle() } } }
 connection.resume()
 guard write("F\(fan)Md", 1, isFloat: false), write("F\(fan)Tg", rpm, isFloat: true) else { exit(1) }
 
-// Renews, but never forces a fan again that is no longer forced, and never beyond the longest manual period.
+// Renews only while the fan is still forced, and ends before the longest manual period does.
 let end = Date(timeIntervalSinceNow: 1785)
 let timer = DispatchSource.makeTimerSource(queue: .global())
 timer.schedule(deadline: .now() + 5, repeating: 5)
