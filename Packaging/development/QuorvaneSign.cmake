@@ -1,6 +1,6 @@
-# quorvane_sign(TARGET [IDENTIFIER]): signs a companion, an executable of the calling CMakeLists.txt, each time that it is
-# linked, with the identity QUORVANE_IDENTITY. The identifier is com.quorvane.app unless given. The signature is of the file
-# in the build folder: whatever changes a copy of it (stripping, another RPATH) takes a new one.
+# quorvane_sign(TARGET [IDENTIFIER]): signs a companion, an executable of the calling CMakeLists.txt, each time it is linked,
+# with the identity QUORVANE_IDENTITY. The default identifier is com.quorvane.app. The signature covers the file in the build
+# folder: a changed copy (stripped, with another RPATH) needs a new signature.
 if(APPLE)
   set(QUORVANE_IDENTITY "" CACHE STRING "Signs companions: the name of an identity in the keychain")
 else()
