@@ -11,7 +11,7 @@ namespace {
 
 using Seconds = std::chrono::duration<double>;
 
-/// The next line without its line feed; nothing at the end.
+/// Returns the next line without its line feed, or nothing at the end.
 std::optional<std::string> readLine(std::FILE* file) {
   char* text = nullptr;
   std::size_t capacity = 0;
