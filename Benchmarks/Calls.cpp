@@ -1,78 +1,85 @@
-// Calls one at a time, as a companion makes them.
-#include "Floor.h"
-#include "Groups.h"
+// Calls one at a time, as a companion makes them, and many under way at once.
+#include "Bench.h"
 
 namespace quorvane::bench {
 namespace {
 
-constexpr int callsInARow = 200;
-
-struct Pair {
-  Samples measured;
-  Samples floor;
-};
-
-void time(Channel& channel, const std::string& request, Samples& samples) {
-  for (int i = 0; i < callsInARow; ++i) {
-    const auto start = Clock::now();
-    channel.call(request);
-    samples.add(microsecondsSince(start));
-  }
+void receive(const test::RawChannel& channel) {
+  char reply[1024];
+  if (recv(channel.socket.get(), reply, sizeof reply, 0) <= 0) throw std::runtime_error("cut off");
 }
 
-Pair inTurns(int rounds, Channel& measured, Channel& floor, const std::string& request) {
-  Pair pair;
+using Measure = std::function<void(const test::RawChannel&, Samples&)>;
+
+/// Measures the helper and its floor in turns, after a round of each to warm up.
+void compare(const Setting& setting, Figure figure, Work work, int rounds, const Measure& measure) {
+  const test::RawChannel channel = connect();
+  const Floor floor(setting.mac, work);
   Samples warmUp;
-  time(measured, request, warmUp);
-  time(floor, request, warmUp);
-  for (int round = 0; round < rounds; ++round) {
-    time(measured, request, pair.measured);
-    time(floor, request, pair.floor);
+  measure(channel, warmUp);
+  measure(floor.channel, warmUp);
+  for (; rounds > 0; --rounds) {
+    measure(channel, figure.measured);
+    measure(floor.channel, figure.floor);
   }
-  return pair;
+  print(figure);
 }
 
-struct Call {
-  const char* what;
-  std::string request;
-  FloorWork floor;
-  const char* program;
-  Aim aim;
-};
+void measureCall(const Setting& setting, const std::string& what, const std::string& request,
+                 Work floor, double aim) {
+  compare(setting, {what, "us", {}, {}, aim}, floor, setting.rounds(200),
+          [&request](const test::RawChannel& channel, Samples& samples) {
+            for (int i = 0; i < 200; ++i) {
+              const auto start = Clock::now();
+              call(channel, request);
+              samples.push_back(microsecondsSince(start));
+            }
+          });
+}
 
 }  // namespace
 
-void measureCalls(Report& report, const Setting& setting) {
-  const Aim pingAim{"ratio <= 1.15",
-                    [](double measured, double floor) { return measured <= 1.15 * floor; }};
-  const Aim writeAim{"ratio <= 1.25",
-                     [](double measured, double floor) { return measured <= 1.25 * floor; }};
-  const std::string write = writeRequest("F0Tg", 2500);
-  const std::vector<Call> calls{
-      {"ping", pingRequest(), FloorWork::echo, Helper::real, pingAim},
-      {"status, fast driver", statusRequest(), FloorWork::hop, Helper::fast, {}},
-      {"status, simulated SMC", statusRequest(), FloorWork::hop, Helper::real, {}},
-      {"write, fast driver", write, FloorWork::hopAndLine, Helper::fast, writeAim},
-      {"write, simulated SMC", write, FloorWork::hopAndLine, Helper::real, {}},
-  };
-  const Machine machine = setting.machine("calls");
-  for (const Call& call : calls) {
-    Report::progress(call.what);
-    const Helper helper(call.program, machine);
-    Floor floor(call.floor, machine.root);
-    Channel channel = machine.enter();
-    Pair pair = inTurns(setting.rounds(200), channel, floor.channels.front(), call.request);
-    report.add({call.what, "us", std::move(pair.measured), std::move(pair.floor), call.aim});
-  }
+test::RawChannel connect() {
+  test::RawChannel channel;
+  if (!channel.enter()) throw std::runtime_error("not admitted");
+  return channel;
+}
 
-  Report::progress("ping, two cores");
-  if (!runOn(otherProcessor)) return;
-  const Helper helper(Helper::real, machine);
-  Floor floor(FloorWork::echo, machine.root);
-  runOn(processor);
-  Channel channel = machine.enter();
-  Pair pair = inTurns(setting.rounds(100), channel, floor.channels.front(), pingRequest());
-  report.add({"ping, two cores", "us", std::move(pair.measured), std::move(pair.floor)});
+std::string writeRequest(const std::string& key, std::int64_t value) {
+  return xpc::encodeRequest(1, xpc::WriteFanKeyRequest{key, value, false});
+}
+
+void call(const test::RawChannel& channel, const std::string& request) {
+  channel.send(request);
+  receive(channel);
+}
+
+void pipeline(const test::RawChannel& channel, const std::string& request, int count) {
+  constexpr int underWay = 64;
+  for (int i = 0; i < count + underWay; ++i) {
+    if (i >= underWay) receive(channel);
+    if (i < count) channel.send(request);
+  }
+}
+
+void measureCalls(const Setting& setting) {
+  const auto process = setting.mac.start(fastHelper);
+  measureCall(setting, "ping", xpc::encodeRequest(1, xpc::PingRequest()), Work::echo, 1.10);
+  measureCall(setting, "status", xpc::encodeRequest(1, xpc::StatusRequest()), Work::hop, 1.25);
+  measureCall(setting, "write", writeRequest("F0Tg", 2500), Work::hopAndLine, 1.20);
+}
+
+void measurePipelines(const Setting& setting) {
+  constexpr int count = 4000;
+  const auto process = setting.mac.start(fastHelper);
+  // Three quarters of the floor's rate are four thirds of its time.
+  const Figure figure{"write, 64 under way", "us", {}, {}, 4.0 / 3};
+  compare(setting, figure, Work::hopAndLine, setting.rounds(100),
+          [](const test::RawChannel& channel, Samples& samples) {
+            const auto start = Clock::now();
+            pipeline(channel, writeRequest("F0Tg", 2500), count);
+            samples.push_back(microsecondsSince(start) / count);
+          });
 }
 
 }  // namespace quorvane::bench

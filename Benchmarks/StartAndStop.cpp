@@ -1,54 +1,40 @@
-// From exec until the helper listens, and from SIGTERM until it is gone.
-#include <csignal>
+// From exec until the helper listens, until a client has its first reply, and from SIGTERM until
+// the helper is gone.
+#include <sys/stat.h>
 
-#include "Groups.h"
+#include "Bench.h"
 
 namespace quorvane::bench {
-namespace {
 
-double runEmptyProgram(const std::string& root) {
-  const auto start = Clock::now();
-  Program empty({programsFolder() + "/empty"}, root);
-  if (empty.wait() != 0) fail("the empty program failed");
-  return microsecondsSince(start) / 1000;
-}
-
-double startHelper(const Machine& machine) {
-  const auto start = Clock::now();
-  const Helper helper(Helper::real, machine);
-  return microsecondsSince(start) / 1000;
-}
-
-double stopHelperOfTenForcedFans(const Machine& machine) {
-  Helper helper(Helper::real, machine);
-  Channel channel = machine.enter();
-  for (char fan = '0'; fan <= '9'; ++fan) {
-    channel.call(writeRequest({'F', fan, 'M', 'd'}, 1));
-  }
-  const auto start = Clock::now();
-  if (helper.stop(SIGTERM) != 0) fail("the helper did not end well");
-  return microsecondsSince(start) / 1000;
-}
-
-}  // namespace
-
-void measureStartAndStop(Report& report, const Setting& setting) {
-  Report::progress("start and stop");
-  const Machine machine = setting.machine("start", 10);
-  Samples start, stop, bare;
-  startHelper(machine);
+void measureStartAndStop(const Setting& setting) {
+  const std::string log = setting.mac.root.path("/log");
+  mkfifo(log.c_str(), 0600);
+  Samples starts, connects, stops, bare;
   for (int round = 0; round < setting.rounds(100); ++round) {
-    bare.add(runEmptyProgram(machine.root));
-    start.add(startHelper(machine));
-    stop.add(stopHelperOfTenForcedFans(machine));
+    auto start = Clock::now();
+    Process("true").stop(0);
+    bare.push_back(microsecondsSince(start));
+
+    start = Clock::now();
+    Process process("QuorvaneFanHelper 2>" + log);
+    std::ifstream lines(log);
+    for (std::string line; line.find("listening") == std::string::npos;) {
+      if (!std::getline(lines, line)) throw std::runtime_error("the helper did not start");
+    }
+    starts.push_back(microsecondsSince(start));
+
+    start = Clock::now();
+    const test::RawChannel channel = connect();
+    connects.push_back(microsecondsSince(start));
+
+    for (char fan = '0'; fan <= '9'; ++fan) call(channel, writeRequest({'F', fan, 'M', 'd'}, 1));
+    start = Clock::now();
+    if (process.stop(SIGTERM) != 0) throw std::runtime_error("the helper did not end well");
+    stops.push_back(microsecondsSince(start));
   }
-  report.add(
-      {"exec to listening",
-       "ms",
-       std::move(start),
-       bare,
-       {"<= floor + 10", [](double measured, double floor) { return measured <= floor + 10; }}});
-  report.add({"SIGTERM to exit, ten fans forced", "ms", std::move(stop), bare});
+  print({"exec to listening", "us", starts, bare, 10});
+  print({"connect to first reply", "us", connects});
+  print({"SIGTERM to exit, ten fans forced", "us", stops});
 }
 
 }  // namespace quorvane::bench

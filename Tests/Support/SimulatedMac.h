@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -26,10 +27,14 @@ inline int exitStatus(int status) {
 /// A command that runs beside the test.
 class Process {
  public:
-  explicit Process(const std::string& command) : child(fork()) {
+  explicit Process(const std::string& command)
+      : Process(
+            [&command] { execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr); }) {}
+  /// The same with a function of this program.
+  explicit Process(const std::function<void()>& run) : child(fork()) {
     if (child != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // nothing outlives a test that is cut short
-    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+    run();
     _exit(127);
   }
   /// Kills what still runs.
@@ -39,6 +44,7 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
+  [[nodiscard]] pid_t id() const { return child; }
   void signal(int number) const { kill(child, number); }
   [[nodiscard]] bool isRunning() const {
     siginfo_t ending{};
