@@ -44,4 +44,16 @@ TEST(AuditLog, AppendsLinesWithTheTimeInUTC) {
   EXPECT_TRUE(root.read(path).ends_with("nowhere\n"));
 }
 
+TEST(AuditLog, LosesOnlyTheLineThatItCannotWrite) {
+  const std::string path = FanControlConstants::auditLogPath;
+  root.write("/Library", "a file where the folder should be");
+  audit("lost");
+  std::filesystem::remove(root.path("/Library"));
+  mkfifo(root.prepare(path).c_str(), 0600);
+  audit("lost, and nobody waits for a reader");
+  std::filesystem::remove(root.path(path));
+  audit("kept");
+  EXPECT_TRUE(root.read(path).ends_with("Z  kept\n"));
+}
+
 }  // namespace quorvane

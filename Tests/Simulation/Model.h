@@ -25,12 +25,10 @@ struct Request {
 
 /// A call to the SMC, an audit line or a reply.
 struct Deed {
-  std::string text{};
+  std::string text;
   /// Of a call.
   ScriptedSMC::Call call{};
   Time took{};
-  /// Of an audit line: the file system takes it.
-  bool isRecordable = true;
   /// The process died: behind a call that was applied, else before it.
   bool died = false;
 };
@@ -42,11 +40,6 @@ struct Mismatch {
 
 inline void require(bool good, const std::string& expected, const std::string& actual) {
   if (!good) throw Mismatch{expected, actual};
-}
-
-/// The SMC answers a read of a value or of key information with what was asked for.
-inline bool isAnswer(const ScriptedSMC::Call& call) {
-  return call.status == KERN_SUCCESS && call.replySize >= 48 && call.reply[40] == 0;
 }
 
 /// How a request to the SMC reads as a deed: its key, and its bytes.
@@ -75,9 +68,11 @@ class Model {
   bool isAlive = false;
 
  private:
+  /// A deadline is of one timer only: each is made later than the one before fell due.
   struct Timer {
     Time due;
-    int number;
+    std::string reason;
+    std::string text;
     bool inLine = false;
   };
   /// Bytes 28 to 36 of a record: size, type, attributes.
@@ -87,8 +82,8 @@ class Model {
   void write(const Request& request);
   std::string statusReport();
   void restore(const std::string& reason);
-  void endPeriod() { lease = cap = std::nullopt; }
-  void comeDue(std::optional<Timer>& timer, const std::string& reason, const std::string& text);
+  void endPeriod();
+  void comeDue(std::optional<Timer>& timer);
 
   std::optional<std::uint8_t> fanCount();
   Error writeMode(const std::string& key, std::uint8_t mode);
@@ -107,8 +102,8 @@ class Model {
   std::deque<std::function<void()>> line;
   std::map<std::string, Info> known;
   std::set<int> forced;
-  std::optional<Timer> lease, cap;
-  int timersMade = 0;
+  std::optional<Timer> lease;
+  std::optional<Timer> cap;
 };
 
 }  // namespace quorvane::simulation

@@ -8,8 +8,6 @@
 #include <map>
 #include <string>
 
-#include "Support/TemporaryRoot.h"
-
 namespace quorvane::simulation {
 
 using Time = std::chrono::nanoseconds;
@@ -18,13 +16,12 @@ using Coverage = std::map<std::string, std::uint64_t>;
 
 struct Outcome {
   Time simulated{};
-  int deeds = 0;
-  /// Of all that happened, but for the time of day.
+  /// Of all that happened.
   std::uint64_t hash = 14695981039346656037U;
   /// The last of what happened, and what should have; empty when the helper did what it should.
-  std::string failure;
+  std::string failure{};
 };
 
-Outcome simulate(std::uint64_t seed, const TemporaryRoot& root, Coverage& coverage);
+Outcome simulate(std::uint64_t seed, Coverage& coverage);
 
 }  // namespace quorvane::simulation
