@@ -15,25 +15,14 @@
 
 namespace {
 
-/// What the native pointers stand for: on macOS nothing can be derived from their types.
-struct Object {
-  Object() = default;
-  virtual ~Object() = default;
-  Object(const Object&) = delete;
-  Object& operator=(const Object&) = delete;
-};
-
-template <class Native>
-Native asNative(Object& object) {
-  return reinterpret_cast<Native>(&object);
-}
-
+/// The native pointers are only another type of pointer to the objects here: on macOS nothing can
+/// be derived from their types.
 template <class Kind>
 Kind& as(dispatch_object_t native) {
-  return dynamic_cast<Kind&>(*reinterpret_cast<Object*>(native));
+  return *reinterpret_cast<Kind*>(native);
 }
 
-struct VirtualQueue final : Object {
+struct VirtualQueue {
   bool runOne() {
     if (holds > 0 || blocks.empty()) return false;
     const auto block = std::move(blocks.front());
@@ -52,9 +41,7 @@ struct VirtualQueue final : Object {
   bool isReleased = false;
 };
 
-struct VirtualTimer final : Object {
-  explicit VirtualTimer(VirtualQueue& target) : queue(target) {}
-
+struct VirtualTimer {
   VirtualQueue& queue;
   dispatch_function_t handler = nullptr;
   dispatch_function_t finalizer = nullptr;
@@ -68,8 +55,7 @@ uint64_t clockTime = 0;
 std::exception_ptr thrown;  // by a block for which somebody waited
 
 void runAll(bool (*runsOne)(VirtualQueue&)) {
-  while (std::ranges::any_of(queues, runsOne)) {
-  }
+  while (std::ranges::any_of(queues, runsOne)) continue;
   queues.remove_if([](const VirtualQueue& queue) {
     return queue.isReleased && queue.holds == 0 && queue.blocks.empty();
   });
@@ -86,9 +72,11 @@ void runUntilIdle() {
 
 void advance(std::chrono::nanoseconds duration) {
   const uint64_t end = clockTime + static_cast<uint64_t>(duration.count());
-  for (runUntilIdle(); clockTime < end; runUntilIdle()) {
+  runUntilIdle();
+  while (clockTime < end) {
     const uint64_t next = timers.empty() ? end : std::min(end, timers.begin()->first);
     elapse(std::chrono::nanoseconds(next - clockTime));
+    runUntilIdle();
   }
 }
 
@@ -133,7 +121,7 @@ struct dispatch_source_type_s {};
 const dispatch_source_type_s _dispatch_source_type_timer;
 
 dispatch_queue_t dispatch_queue_create(const char* /*label*/, dispatch_queue_attr_t /*serial*/) {
-  return asNative<dispatch_queue_t>(queues.emplace_back());
+  return reinterpret_cast<dispatch_queue_t>(&queues.emplace_back());
 }
 
 void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
@@ -155,7 +143,7 @@ void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t 
 
 dispatch_source_t dispatch_source_create(dispatch_source_type_t /*timer*/, uintptr_t /*handle*/,
                                          uintptr_t /*mask*/, dispatch_queue_t queue) {
-  return asNative<dispatch_source_t>(*new VirtualTimer(as<VirtualQueue>(queue)));
+  return reinterpret_cast<dispatch_source_t>(new VirtualTimer{as<VirtualQueue>(queue)});
 }
 
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start,
@@ -189,8 +177,11 @@ void dispatch_source_cancel(dispatch_source_t source) {
 }
 
 void dispatch_release(dispatch_object_t object) {
-  auto* const queue = dynamic_cast<VirtualQueue*>(&as<Object>(object));
-  if (queue != nullptr) return void(queue->isReleased = true);
+  for (VirtualQueue& queue : queues) {
+    if (&queue != &as<VirtualQueue>(object)) continue;
+    queue.isReleased = true;
+    return;
+  }
   auto* const timer = &as<VirtualTimer>(object);
   timer->queue.blocks.emplace_back([timer] {  // behind its handler
     timer->finalizer(timer->context);
