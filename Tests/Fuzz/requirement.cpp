@@ -29,13 +29,16 @@ const std::pair<std::regex, const char*> rules[] = {
 
 bool shouldHold(const std::string& text) {
   std::string form = "(";
-  int depth = 0, deepest = 0;
+  int depth = 0;
+  int deepest = 0;
   for (std::sregex_iterator match(text.begin(), text.end(), part), end; match != end; ++match) {
     std::size_t group = 1;
     while (group < match->size() && !(*match)[group].matched) ++group;
     const char sign = signs[group - 1];
     if (sign != ' ') form += sign;
-    deepest = std::max(deepest, depth += (sign == '(') - (sign == ')'));
+    if (sign == '(') ++depth;
+    if (sign == ')') --depth;
+    deepest = std::max(deepest, depth);
   }
   form += ')';
   if (text.size() > 2048 || deepest > 16) return false;
