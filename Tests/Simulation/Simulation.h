@@ -3,25 +3,209 @@
 // what the helper did is held against the Model. One run at a time.
 #pragma once
 
-#include <chrono>
-#include <cstdint>
-#include <map>
-#include <string>
+#include <limits>
+#include <memory>
+
+#include "QuorvaneFanHelper/FanHelperService.h"
+#include "Simulation/World.h"
 
 namespace quorvane::simulation {
 
-using Time = std::chrono::nanoseconds;
-/// How often the runs came into each situation; 0 for one that could have come up and never did.
-using Coverage = std::map<std::string, std::uint64_t>;
+class Simulation {
+ public:
+  using Kind = Request::Kind;
 
-struct Outcome {
-  Time simulated{};
-  /// Of all that happened.
-  std::uint64_t hash = 14695981039346656037U;
-  /// The last of what happened, and what should have; empty when the helper did what it should.
-  std::string failure{};
+  Simulation(std::uint64_t seed, Coverage& coverage)
+      : world(seed, coverage), model(world.seen, coverage) {
+    virtualdispatch::reset();
+    model.keys = machine().keys;
+    for (auto count = 1 + world.below(4); count > 0; --count) {
+      const auto fan = world.below(world.oneIn(8) ? 10 : std::max<unsigned>(1, world.fanCount));
+      fans.push_back("F" + std::to_string(fan));
+    }
+  }
+  ~Simulation() { endProcess(); }
+
+  /// Throws Mismatch.
+  void run() {
+    startProcess();
+    for (auto steps = 500 + world.below(1000); steps > 0; --steps) step();
+    world.startPhase(/*calm=*/true);
+    settle();
+    idle(20s);
+    require(virtualdispatch::deadlines().empty(), "no timer past the last lease", "one");
+    isOver = true;
+    settle();
+    for (const auto& [name, record] : machine().keys) {
+      const bool isMode = name.ends_with("Md") && record[28] >= 1 && record[28] <= 32;
+      require(!isMode || record[47U + record[28]] == 0, "automatic fans at rest", name);
+    }
+  }
+
+  [[nodiscard]] Time simulated() const { return model.now; }
+
+  World world;
+
+ private:
+  void step() {
+    if (stepsOfPhase == 0) startPhase();
+    --stepsOfPhase;
+    for (auto left = world.isCalm ? 1 : 1 + world.below(4); left > 0; --left) {
+      act(world.isCalm ? fans.front() : fans[world.below(fans.size())]);
+      if (world.happens("suspended with work in line", 3)) jump(world.pause(longestPause));
+    }
+    world.changeMachine();
+    isOver = world.happens("signal", 50);
+    settle();
+    const auto due = model.deadlines();
+    if (!due.empty() && world.happens("suspended past a deadline", 3)) {
+      jump(world.pick({due.front(), due.back()}) - model.now - world.pick({0ns, 1ns}));
+    } else {
+      idle(world.pause(world.happens("long idle", 200) ? 3'600'000 : longestPause));
+    }
+  }
+  /// A cap is reached only where one client renews for half an hour and nobody disturbs it.
+  void startPhase() {
+    const bool isCalm = world.oneIn(5);
+    stepsOfPhase = isCalm ? 450 : 10 + static_cast<int>(world.below(100));
+    longestPause = isCalm ? 9000 : world.pick({3000U, 12'000U, 30'000U, 100'000U});
+    world.startPhase(isCalm);
+  }
+
+  /// Of the client of that fan.
+  void act(const std::string& fan) {
+    if (world.happens("talks nonsense", 3)) {
+      submit(drawNonsense());
+    } else if (world.happens("asks", 3)) {
+      submit({world.pick({Kind::status, Kind::ping})});
+    } else if (world.happens("releases", 3)) {
+      submit({Kind::write, fan + "Md", 0});
+    } else if (world.happens("restores", 3)) {
+      submit({Kind::restore});
+    } else if (world.oneIn(2)) {
+      submit({Kind::write, fan + "Md", 1});
+    } else {
+      const auto rpm = world.oneIn(3) ? world.pick({0UL, 12000UL}) : world.below(12001);
+      submit({Kind::write, fan + "Tg", static_cast<int>(rpm), world.oneIn(2)});
+    }
+  }
+  Request drawNonsense() {
+    using Limits = std::numeric_limits<std::int64_t>;
+    Request odd{Kind::write, "F" + std::to_string(world.below(10))};
+    odd.key += world.pick({"Md", "Tg"});
+    odd.value = world.pick<std::int64_t>({-1, 0, 1, 2, 256, 12001, Limits::min(), Limits::max()});
+    odd.isFloat = world.oneIn(2);
+    if (world.oneIn(3)) odd.key[world.below(4)] = static_cast<char>(world.below(256));
+    if (world.oneIn(3)) {
+      odd.key = world.pick({"", "FNum", "F+Md", "FAMd", "F0Tx", "f0Md", "F0md", "F10Tg", "F0M",
+                            "F0Md ", "F:Md", "F/Md", "F\u0660Md", "F0Md\u0301", "TC0P", "\n"});
+    }
+    return odd;
+  }
+
+  void submit(Request request) {
+    request.id = ++requests;
+    const auto& [kind, key, value, isFloat, id] = request;
+    world.note("request " + std::to_string(id) + " " + key + "=" + std::to_string(value));
+    const auto reply = [this, number = std::to_string(id)](const std::string& answer) {
+      world.saw({.text = "reply " + number + " " + answer});
+    };
+    const auto outcome = [reply](bool good, const std::optional<std::string>& message) {
+      reply((good ? "true" : "false") + (message ? " " + *message : ""));
+    };
+    const auto report = [reply](const StatusReport& status) {
+      std::string answer;
+      for (const auto& [name, text] : status) answer += name + "=" + text + ";";
+      reply(answer);
+    };
+    if (kind == Kind::write) service->writeFanKey(key, value, isFloat, outcome);
+    if (kind == Kind::restore) service->restoreAuto(outcome);
+    if (kind == Kind::status) service->status(report);
+    if (kind == Kind::ping) service->ping(reply);
+    model.submit(request);
+  }
+  void jump(Time span) {
+    if (span <= 0ns) return;
+    world.note("asleep for " + std::to_string(span.count()));
+    virtualdispatch::elapse(span);
+    model.pass(span);
+  }
+  void idle(Time span) {
+    const Time end = model.now + span;
+    while (model.now < end) {
+      const auto due = model.deadlines();
+      jump((due.empty() ? end : std::min(end, due.front())) - model.now);
+      settle();
+    }
+  }
+
+  /// Everything in line is done; a process that has ended is followed by another.
+  void settle() {
+    runAndCompare();
+    if (!world.isDead && !isOver) {
+      submit({Kind::status});
+      runAndCompare();
+    }
+    if (world.isDead || isOver) restart();
+  }
+  void restart() {
+    if (!world.isDead) {  // nothing more, though the process may take a while to end
+      submit({Kind::write, "F0Md", 1});
+      jump(1800s);
+      runAndCompare();
+    }
+    const std::weak_ptr<FanHelperService> last = service;
+    endProcess();
+    require(last.expired(), "no service outlives its process", "a timer keeps it");
+    jump(world.pause(100'000));
+    startProcess();
+  }
+  void startProcess() {
+    while (world.isDead) {
+      const bool smcOpens = !world.happens("no SMC", 3);
+      machine().openStatus = smcOpens ? KERN_SUCCESS : kIOReturnNotPrivileged;
+      isOver = false;
+      world.note("process starts");
+      world.isDead = false;
+      service = std::make_shared<FanHelperService>();
+      try {
+        service->startup();
+        virtualdispatch::runUntilIdle();
+      } catch (const ProcessDied&) {
+      }
+      model.start(smcOpens);
+      if (world.isDead) endProcess();
+    }
+  }
+  void endProcess() {
+    world.isDead = true;
+    service.reset();
+    virtualdispatch::drain();
+  }
+
+  void runAndCompare() {
+    try {
+      if (isOver && model.isAlive) service->shutdownReleasing();
+      virtualdispatch::runUntilIdle();
+    } catch (const ProcessDied&) {
+    }
+    model.run(isOver);
+    require(model.isAlive == !(world.isDead || isOver), "the same end", "another");
+    for (const auto& [name, record] : machine().keys) {
+      require(name == "FNum" || record == model.keys.at(name), "another value", "this of " + name);
+    }
+    if (world.isDead) return;
+    require(virtualdispatch::deadlines() == model.deadlines(), "other timers", "these");
+  }
+
+  Model model;
+  /// That the clients care for; the first client is alone in calm phases.
+  std::vector<std::string> fans;
+  int stepsOfPhase = 0;
+  int requests = 0;
+  unsigned longestPause = 0;  // in milliseconds
+  std::shared_ptr<FanHelperService> service;
+  bool isOver = false;  // asked to end, and so it did
 };
-
-Outcome simulate(std::uint64_t seed, Coverage& coverage);
 
 }  // namespace quorvane::simulation

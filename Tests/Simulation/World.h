@@ -11,14 +11,13 @@
 
 namespace quorvane::simulation {
 
-using namespace std::chrono_literals;
-
 /// Passes through the helper's code as its process dies.
 struct ProcessDied {};
 
 class World {
  public:
   World(std::uint64_t seed, Coverage& covered) : coverage(covered), random(seed) {
+    current = this;
     ScriptedSMC& smc = machine();
     smc.reset();
     smc.fate = [this](const ScriptedSMC::Call& call) { return fate(call); };
@@ -76,14 +75,15 @@ class World {
     if (isDead) throw ProcessDied{};
   }
   void note(const std::string& line) {
-    for (const char character : line) {  // FNV-1a
-      outcome.hash = (outcome.hash ^ static_cast<unsigned char>(character)) * 1099511628211U;
-    }
+    hash = 31 * hash + std::hash<std::string>()(line);
     trace.push_back(std::to_string(virtualdispatch::now().count()) + " " + line);
     if (trace.size() > 40) trace.pop_front();
   }
 
-  Outcome outcome;
+  /// The one that the helper lives in.
+  static inline World* current = nullptr;
+  /// Of all that happened.
+  std::uint64_t hash = 0;
   /// The last lines of what happened.
   std::deque<std::string> trace;
   /// What the helper did and the model has not taken yet.

@@ -7,10 +7,14 @@
 
 #include <cstdlib>
 #include <iostream>
-#include <limits>
-#include <random>
 
+#include "QuorvaneFanHelper/AuditLog.h"
 #include "Simulation/Simulation.h"
+
+/// In the place of the helper's: the world sees the line.
+void quorvane::audit(std::string_view message) {
+  simulation::World::current->saw({.text = "audit " + std::string(message)});
+}
 
 namespace quorvane::simulation {
 namespace {
@@ -23,39 +27,53 @@ constexpr int good = 0, broken = 1, badUsage = 2, badRuns = 3;
 constexpr std::uint64_t runsForCoverage = 200;
 constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
 
+/// False, and says why, when the helper did something else than it should.
+bool isGood(Simulation& simulation) {
+  try {
+    simulation.run();
+    return true;
+  } catch (const Mismatch& mismatch) {
+    for (const std::string& line : simulation.world.trace) std::cout << line << "\n";
+    std::cout << "expected: " << mismatch.expected << "\nactual:   " << mismatch.actual << "\n";
+    return false;
+  }
+}
+
+std::uint64_t traceHash(std::uint64_t seed, Coverage& coverage) {
+  Simulation simulation(seed, coverage);
+  simulation.run();
+  return simulation.world.hash;
+}
+
 int run(const std::string& program, const Options& options) {
   const std::uint64_t firstSeed = options.at("--seed");
   std::cout << "Seeds from " << firstSeed << ". To repeat one: " << program
             << " --seed SEED --runs 1" << std::endl;
-  Coverage coverage;  // the machine and the clients name theirs themselves
-  for (const char* ending : {"startup baseline", "write error", "lease expired", "hard cap",
-                             "app requested", "shutdown", "expiry overtaken"}) {
-    coverage[ending] = 0;
-  }
+  // The machine and the clients name theirs themselves.
+  Coverage coverage{{"startup baseline", 0}, {"write error", 0},   {"lease expired", 0},
+                    {"hard cap", 0},         {"app requested", 0}, {"shutdown", 0},
+                    {"expiry overtaken", 0}};
+  const std::chrono::duration<double, std::ratio<3600>> limit(options.at("--hours"));
   Time simulated{};
-  std::uint64_t hours = 0;
   std::uint64_t runs = 0;
-  while (runs < options.at("--runs") && hours < options.at("--hours")) {
+  for (; runs < options.at("--runs") && simulated < limit; ++runs) {
     alarm(60);  // a helper that hangs ends the program; a run takes a fraction of a second
-    const Outcome outcome = simulate(firstSeed + runs, coverage);
-    if (!outcome.failure.empty()) {
-      std::cout << outcome.failure << "\nFAILED with seed " << firstSeed + runs << std::endl;
+    Simulation simulation(firstSeed + runs, coverage);
+    if (!isGood(simulation)) {
+      std::cout << "FAILED with seed " << firstSeed + runs << std::endl;
       return broken;
     }
-    ++runs;
-    simulated += outcome.simulated;
-    hours = static_cast<std::uint64_t>(std::chrono::floor<std::chrono::hours>(simulated).count());
-    if (runs % 500 == 0) std::cerr << runs << " seeds, " << hours << " simulated hours\n";
+    simulated += simulation.simulated();
+    if (runs % 500 == 499) std::cerr << simulated / 1h << " simulated hours so far\n";
   }
-  std::cout << runs << " seeds, " << hours << " simulated hours\n";
+  std::cout << runs << " seeds, " << simulated / 1h << " simulated hours\n";
   bool isComplete = true;
   for (const auto& [situation, count] : coverage) {
     std::cout << count << "\t" << situation << "\n";
     if (count == 0 && runs >= runsForCoverage) isComplete = false;
   }
   if (!isComplete) std::cout << "Something never happened.\n";
-  const std::uint64_t hash = simulate(firstSeed, coverage).hash;
-  const bool isRepeatable = simulate(firstSeed, coverage).hash == hash;
+  const bool isRepeatable = traceHash(firstSeed, coverage) == traceHash(firstSeed, coverage);
   if (!isRepeatable) std::cout << "The first did not give the same run twice.\n";
   return isComplete && isRepeatable ? good : badRuns;
 }
