@@ -1,6 +1,7 @@
 // How late the lease expires: from the last write that the hardware was given to the restore, by
 // the clock of the hardware. That takes twenty real seconds, so several machines wait at once.
 #include <deque>
+#include <thread>
 
 #include "Bench.h"
 
