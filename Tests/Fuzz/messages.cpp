@@ -16,12 +16,8 @@ void quorvane::audit(std::string_view /*message*/) {}
 namespace quorvane::xpc {
 namespace {
 
-/// One service for many inputs, as for many connections of a daemon: each finds it at rest. A new
-/// one comes long before the virtual clock runs out.
-FanHelperService& service() {
-  static std::shared_ptr<FanHelperService> current;
-  if (current && virtualdispatch::now() < std::chrono::hours(24 * 365)) return *current;
-  virtualdispatch::reset();
+/// One service for all inputs, as for many connections of a daemon: each finds it at rest.
+std::shared_ptr<FanHelperService> start() {
   machine().setFanCount(3);
   for (const std::string fan : {"F0", "F1", "F2"}) {
     machine().addKey(fan + "Tg", "flt ", 4, 0xC0);
@@ -31,9 +27,9 @@ FanHelperService& service() {
     const bool isRefused = call.key == "F2Tg" && call.operation == ScriptedSMC::Operation::write;
     return ScriptedSMC::Failure{.result = std::uint8_t(isRefused ? 134 : 0)};
   };
-  current = std::make_shared<FanHelperService>();
-  current->startup();
-  return *current;
+  auto service = std::make_shared<FanHelperService>();
+  service->startup();
+  return service;
 }
 
 /// What is written, to one of the twenty keys, is in the key's range.
@@ -75,20 +71,20 @@ struct CheckedSink final : ReplySink {
 };
 
 /// Does with a datagram what a connection does; false when that must end.
-bool receive(std::string_view datagram, FanHelperService& helper) {
+bool receive(std::string_view datagram, FanHelperService& service) {
   const auto request = decodeRequest(datagram);
   if (!request) return false;
   // A request has one encoding. An absent key has another, and is read as the empty one.
   const auto* write = std::get_if<WriteFanKeyRequest>(&request->operation);
   const bool isKeyless = write != nullptr && write->key.empty();
   assert(isKeyless || encodeRequest(request->callNumber, request->operation) == datagram);
-  deliver(*request, helper, std::make_shared<CheckedSink>(*request, datagram.size()));
+  deliver(*request, service, std::make_shared<CheckedSink>(*request, datagram.size()));
   return true;
 }
 
 void serve(std::string_view input) {
   constexpr std::string_view separator = "\xFE\xFE";  // not in UTF-8, so not in a request's texts
-  FanHelperService& helper = service();
+  static const auto service = start();
   for (bool isOpen = true; isOpen && !input.empty();) {
     // Nothing runs ahead of a zero, so that requests can pile up.
     if (input[0] != 0) virtualdispatch::advance(std::chrono::seconds(input[0] & 0x1F));
@@ -96,13 +92,14 @@ void serve(std::string_view input) {
     input.remove_prefix(std::min(1 + part.size() + separator.size(), input.size()));
     // In memory of just its size, so that the sanitizer sees a byte too many being read.
     const std::vector<char> datagram(part.begin(), part.end());
-    isOpen = receive({datagram.data(), datagram.size()}, helper);
+    isOpen = receive({datagram.data(), datagram.size()}, *service);
   }
   virtualdispatch::advance(std::chrono::seconds(FanControlConstants::leaseSeconds));
   for (const auto& call : machine().takeCalls()) checkCall(call);
   for (const char* mode : {"F0Md", "F1Md", "F2Md"}) assert(machine().keys.at(mode)[48] == 0);
   assert(virtualdispatch::deadlines().empty());
   assert(requestsUnderWay == 0);
+  virtualdispatch::reset();  // long before the clock runs out
 }
 
 }  // namespace
