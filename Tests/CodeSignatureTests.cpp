@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <regex>
-#include <sstream>
 
 #include "Platform/File.h"
 #include "Platform/Linux/CodeSigning/SignatureContent.h"
@@ -105,38 +103,60 @@ TEST(CodeSignature, ContentHasOneText) {
     return SignatureContent::parse("identifier: " + identifier + "\nsize: " + rest).has_value();
   };
   const std::string digest = "\nsha256: " + std::string(64, 'a'), end = digest + "\n";
+  const std::string longest(255, 'a');
   for (int byte = 0; byte < 256; ++byte) {
     const bool isAllowed = byte < 128 && (std::isalnum(byte) != 0 || byte == '.' || byte == '-');
     EXPECT_EQ(isContent({'a', static_cast<char>(byte)}, "0" + end), isAllowed) << byte;
   }
-  EXPECT_TRUE(isContent(std::string(255, 'a'), "18446744073709551615" + end));
-  EXPECT_FALSE(isContent(std::string(256, 'a'), "1" + end) || isContent("", "1" + end));
+  EXPECT_TRUE(isContent(longest, "18446744073709551615" + end));
+  EXPECT_FALSE(isContent(longest + "a", "1" + end));
+  EXPECT_FALSE(isContent("", "1" + end));
   for (const char* size : {"", "01", "+1", "-1", " 1", "1 ", "0x1", "18446744073709551616"}) {
     EXPECT_FALSE(isContent("a", size + end)) << size;
   }
-  EXPECT_FALSE(isContent("a", "1" + digest) || isContent("a", "1" + digest + "a\n"));
-  EXPECT_FALSE(isContent("a", "1" + end + "\n"));
+  for (const std::string& ending : {digest, digest + "a\n", end + "\n"}) {
+    EXPECT_FALSE(isContent("a", "1" + ending)) << ending;
+  }
+}
+
+/// Whether a requirement holds. In its text, + is a term that holds and - one that does not.
+bool holds(const std::string& form) {
+  std::string text;
+  for (const char sign : form) {
+    if (sign == '+') text += "anchor apple generic";
+    if (sign == '-') text += "identifier \"other\"";
+    if (sign != '+' && sign != '-') text += sign;
+  }
+  return requirementHolds(text, {"app", "TEAM"});
 }
 
 TEST(CodeRequirement, HoldsOnlyIfItIsUnderstoodWhole) {
-  const auto expect = [](bool expected, std::string texts) {
-    // + is a term that holds, - one that does not.
-    texts = std::regex_replace(texts, std::regex("\\+"), "anchor apple generic");
-    std::istringstream rows(std::regex_replace(texts, std::regex("-"), "identifier \"other\""));
-    for (std::string text; std::getline(rows, text, '|');) {
-      EXPECT_EQ(requirementHolds(text, {"app", "TEAM"}), expected) << text;
-    }
+  for (const char* text : {"+", "- or +", "+ or + and -", "- and - or +", "- or (+)",
+                           "identifier\"app\"and(+)", "certificate leaf[subject.OU] = \"TEAM\"",
+                           " certificate leaf [ subject.OU ]\t=\"TEAM\"\r\n"}) {
+    EXPECT_TRUE(holds(text)) << text;
+  }
+  for (const char* text : {"-", "- and +", "(+ or +) and -", "- and (- or +)", "identifier \"APP\"",
+                           "certificate leaf[subject.OU] = \"team\""}) {
+    EXPECT_FALSE(holds(text)) << text;
+  }
+  for (const char* text :
+       {"", "()", "(+", "+)", "+ +", "+ or", "+ OR +", "+ or not +", "+ or +;", "+ or anchor apple",
+        "+ or anchorapple generic", "+ or certificate", "certificate leaf[subject.CN] = \"TEAM\"",
+        "+ or identifier app", "+ or identifier \"app", "+ or identifier \"a\\\"p\""}) {
+    EXPECT_FALSE(holds(text)) << "not of the language: " << text;
+  }
+}
+
+TEST(CodeRequirement, IsBoundedInDepthAndLength) {
+  const auto nested = [](std::size_t depth) {
+    return std::string(depth, '(') + "+" + std::string(depth, ')');
   };
-  const std::string opening(16, '('), closing(16, ')'), rest(2048 - 20, ' ');
-  expect(true, "+|- or +|+ or + and -|- and - or +|- or (+)|identifier\"app\"and(+)");
-  expect(true, " certificate leaf [ subject.OU ]\t=\"TEAM\"\r\n|" + opening + "+" + closing);
-  expect(false, "-|- and +|(+ or +) and -|- and (- or +)|identifier \"APP\"|()||(+|+)|+ +|+ or");
-  expect(false, "+ OR +|+ or not +|+ or anchor apple|+ or anchorapple generic|+ or certificate");
-  expect(false, "certificate leaf[subject.OU] = \"team\"|certificate leaf[subject.CN] = \"TEAM\"");
-  expect(false, "+ or identifier app|+ or identifier \"app|+ or identifier \"a\\\"p\"|+ or +;");
-  expect(false, "(" + opening + "+" + closing + ")");
-  expect(true, "+" + rest);
-  expect(false, "+ " + rest);
+  EXPECT_TRUE(holds(nested(16)));
+  EXPECT_FALSE(holds(nested(17)));
+  const std::string longest = "anchor apple generic" + std::string(2048 - 20, ' ');
+  EXPECT_TRUE(holds(longest));
+  EXPECT_FALSE(holds(longest + " "));
 }
 
 TEST(Codesign, SignsAndSaysWhoHasSignedOrWhyNot) {

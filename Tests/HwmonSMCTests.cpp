@@ -81,6 +81,10 @@ TEST_F(HwmonSMCTest, WritesOfTheOneKnownDeviceKeepWithinLimitsAndFailWithResults
     const std::string result = std::to_string(ask(write, "F1Tg", intel, rpm)) + " ";
     EXPECT_EQ(result + root.read(folder + "fan2_output"), expected) << min << " to " << max;
   }
+  EXPECT_EQ(ask(write, "F0Md", byte, 2), 137);
+  EXPECT_EQ(root.read(folder + "fan1_manual"), "0\n");
+  root.write(folder + "fan1_manual", "2");
+  EXPECT_EQ(ask(read, "F0Md", byte), 1) << "no mode";
   const std::pair<int, int> failures[] = {
       {EACCES, 134},    {EPERM, 134}, {EOPNOTSUPP, 134}, {EINVAL, 137},
       {ETIMEDOUT, 183}, {EIO, 1},     {ENOENT, 132},     {ENODEV, kIOReturnNoDevice}};
