@@ -1,0 +1,154 @@
+// What the helper does, as scenarios: the real service with its real times, on a machine with two
+// fans and a clock that the test moves. The simulation holds the same promises in histories that
+// nobody thought of.
+#include "QuorvaneFanHelper/FanHelperService.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "Platform/SystemPath.h"
+#include "Support/ScriptedSMC.h"
+#include "Support/TemporaryRoot.h"
+#include "Support/VirtualDispatch.h"
+
+namespace quorvane {
+
+using namespace std::chrono_literals;
+
+const TemporaryRoot root;
+
+std::string systemPath(std::string_view path) {
+  return root.path(std::string(path));
+}
+
+struct FanHelper : testing::Test {
+  FanHelper() {
+    machine().reset();
+    machine().setFanCount(2);
+    for (const std::string fan : {"F0", "F1"}) {
+      machine().addKey(fan + "Md", "ui8 ", 1, 0xC0, {0});
+      machine().addKey(fan + "Tg", "fpe2", 2, 0xC0);
+    }
+    start();
+  }
+  ~FanHelper() override {
+    service.reset();
+    virtualdispatch::reset();
+  }
+  void start() {
+    root.write(FanControlConstants::auditLogPath, "");
+    service = std::make_shared<FanHelperService>();
+    service->startup();
+    machine().takeCalls();
+  }
+
+  /// What the client hears: "true", the reason of a refusal, or "no reply".
+  std::string write(const std::string& key, std::int64_t value) {
+    reply = "no reply";
+    service->writeFanKey(key, value, /*isFloat=*/false, [this](bool success, const auto& reason) {
+      reply = success ? "true" : reason.value_or("");
+    });
+    virtualdispatch::runUntilIdle();
+    return reply;
+  }
+  /// The modes of fan 0 and fan 1 in the hardware: "10" when only fan 0 is forced.
+  static std::string modes() {
+    return std::to_string(machine().keys["F0Md"][48]) + std::to_string(machine().keys["F1Md"][48]);
+  }
+  /// The target of fan 0 in the hardware, in rpm; "fpe2" counts quarters.
+  static int target() {
+    const auto& target = machine().keys["F0Tg"];
+    return (target[48] * 256 + target[49]) / 4;
+  }
+  /// The messages of the audit log since the start, one a line, without their timestamps.
+  static std::string audited() {
+    std::istringstream log(root.read(FanControlConstants::auditLogPath));
+    std::string messages;
+    for (std::string line; std::getline(log, line);) messages += line.substr(22) + "\n";
+    return messages;
+  }
+
+  std::shared_ptr<FanHelperService> service;
+  std::string reply;
+};
+
+TEST_F(FanHelper, PutsEveryFanIntoAutomaticModeWhenItStarts) {
+  write("F1Md", 1);
+  ASSERT_EQ(modes(), "01");
+  start();  // after a crash, on the same hardware
+  EXPECT_EQ(modes(), "00");
+  EXPECT_EQ(audited(), "helper 1.0.0 started; model=Mac14,2 fans=2\n");
+}
+
+TEST_F(FanHelper, KeepsAFanForcedWhileItsClientRenews) {
+  EXPECT_EQ(write("F0Md", 1), "true");
+  for (int renewal = 0; renewal < 10; ++renewal) {
+    EXPECT_EQ(write("F0Tg", 2500 + renewal), "true");
+    EXPECT_EQ(target(), 2500 + renewal);
+    virtualdispatch::advance(19s);
+    EXPECT_EQ(modes(), "10");
+  }
+}
+
+// A lease is all that a client has: one that crashes, hangs or is killed needs no other clean-up.
+TEST_F(FanHelper, TakesAllFansBackWhenTheLeaseRunsOut) {
+  write("F0Md", 1);
+  write("F1Md", 1);
+  virtualdispatch::advance(20s - 1ns);
+  EXPECT_EQ(modes(), "11");
+  virtualdispatch::advance(1ns);
+  EXPECT_EQ(modes(), "00");
+  EXPECT_TRUE(audited().ends_with(
+      "lease expired — fail-safe\nrestore → automatic (lease expired); fans=[0, 1]\n"));
+}
+
+TEST_F(FanHelper, TakesAllFansBackAfterHalfAnHourThoughTheClientRenews) {
+  for (auto renewal = 0s; renewal < 1800s; renewal += 5s) {
+    write("F0Md", 1);
+    ASSERT_EQ(modes(), "10");
+    virtualdispatch::advance(5s);
+  }
+  EXPECT_EQ(modes(), "00");
+  EXPECT_TRUE(
+      audited().ends_with("max manual duration reached — fail-safe\n"
+                          "restore → automatic (hard cap); fans=[0]\n"));
+}
+
+TEST_F(FanHelper, GivesBackTheFanThatAClientReleasesOrAllThatItRestores) {
+  write("F0Md", 1);
+  write("F1Md", 1);
+  write("F0Md", 0);
+  EXPECT_EQ(modes(), "01");
+  service->restoreAuto([](bool success, const auto&) { EXPECT_TRUE(success); });
+  virtualdispatch::runUntilIdle();
+  EXPECT_EQ(modes(), "00");
+  EXPECT_TRUE(virtualdispatch::deadlines().empty()) << "nothing is left to time";
+}
+
+TEST_F(FanHelper, HandsEveryFanBackAfterAWriteThatFails) {
+  write("F0Md", 1);
+  machine().keys.erase("F1Tg");
+  EXPECT_EQ(write("F1Tg", 2500), "keyMissing");
+  EXPECT_EQ(modes(), "00");
+  EXPECT_TRUE(audited().ends_with("restore → automatic (write error); fans=[0]\n"));
+}
+
+TEST_F(FanHelper, RefusesOtherKeysAndValuesWithoutTouchingTheHardware) {
+  EXPECT_EQ(write("FNum", 3), "Refused: FNum is not a fan-control key");
+  EXPECT_EQ(write("F0Md", 2), "Bad mode value");
+  EXPECT_EQ(write("F0Tg", 12001), "RPM out of range");
+  EXPECT_TRUE(machine().takeCalls().empty());
+  EXPECT_TRUE(audited().ends_with("fans=2\nREJECTED non-fan key FNum\n"));
+}
+
+// What main does on SIGTERM and SIGINT.
+TEST_F(FanHelper, HandsEveryFanBackAndWritesNothingMoreBeforeItEnds) {
+  write("F0Md", 1);
+  service->shutdownReleasing();
+  EXPECT_EQ(modes(), "00");
+  EXPECT_EQ(write("F0Md", 1), "no reply");
+  EXPECT_EQ(modes(), "00");
+}
+
+}  // namespace quorvane
