@@ -58,15 +58,13 @@ TEST_F(Processes, BothSignalsAtOnceRestoreOnce) {
 
 // The driver throws while it holds the hardware's file, and whoever needs that has to wait for it.
 TEST_F(Processes, AFailureEndsItOnceAllFansAreAutomatic) {
-  for (const std::string failure : {"std::bad_alloc", "int"}) {
-    const auto daemon = mac.start("UnluckyHelper 2>$QUORVANE_ROOT/log");
-    EXPECT_EQ(mac.batch("write\tF0Md\t1\nwrite\tF1Md\t1\n"), "true\ntrue\n");
-    mac.root.write(failure == "int" ? "/surprise" : "/no-memory", "");
-    ASSERT_EQ(mac.sh("fanctl write F1Tg 2500").front(), '3');
-    EXPECT_EQ(daemon->stop(0), 128 + SIGABRT);
-    EXPECT_EQ(mac.modes(), "00");
-    EXPECT_NE(mac.root.read("/log").find("instance of '" + failure + "'"), std::string::npos);
-  }
+  const auto daemon = mac.start("UnluckyHelper 2>$QUORVANE_ROOT/log");
+  EXPECT_EQ(mac.batch("write\tF0Md\t1\nwrite\tF1Md\t1\n"), "true\ntrue\n");
+  mac.root.write("/no-memory", "");
+  EXPECT_EQ(mac.sh("fanctl write F1Tg 2500").front(), '3');
+  EXPECT_EQ(daemon->stop(0), 128 + SIGABRT);
+  EXPECT_EQ(mac.modes(), "00");
+  EXPECT_NE(mac.root.read("/log").find("instance of 'std::bad_alloc'"), std::string::npos);
 }
 
 TEST_F(Processes, ASignalAmidTheStartIsServedLikeAnyOther) {
@@ -147,12 +145,11 @@ TEST_F(Processes, ProbeReadsAndWritesNothing) {
 TEST_F(Processes, FanctlRenewsUntilItIsStoppedAndRefusesAMalformedBatch) {
   const auto daemon = mac.start();
   Process force("fanctl force 0=2500");
-  mac.waitForWrites(5);  // the last of them a renewal
+  mac.awaitWrites(5);  // the last of them a renewal
   EXPECT_EQ(force.stop(SIGHUP), 0);
   EXPECT_EQ(mac.audited(),
             started + "write F0Md=1\nwrite F0Tg=2500\nwrite F0Tg=2500\nwrite F0Md=0\n");
   EXPECT_EQ(mac.sh("fanctl force 0 2500rpm"), "2:fanctl: rpm must be a whole number: 2500rpm\n");
-  EXPECT_EQ(mac.sh("fanctl force 0=0 7=2500"), "2:fanctl: fan 7: this Mac has 2 fans\n");
   EXPECT_EQ(mac.sh("fanctl force 0=0 1=12001"), "2:fanctl: rpm must be 0 to 12000: 12001\n");
   EXPECT_EQ(mac.sh("fanctl force 0=0 0=1"), "2:fanctl: fan 0 is given twice\n");
   EXPECT_EQ(mac.sh("fanctl write F0Tg 1 -h").substr(0, 8), "0:usage:");
@@ -160,8 +157,6 @@ TEST_F(Processes, FanctlRenewsUntilItIsStoppedAndRefusesAMalformedBatch) {
   const std::string unsignedClient = PROGRAMS_FOLDER "/fanctl";
   EXPECT_EQ(mac.sh(unsignedClient + " ping 2>&1 | sed 's/.*why: //' | sh"),
             "1:" + unsignedClient + ": the signature does not exist\n");
-  mac.sh("smcsim fail F0Tg result 200");
-  EXPECT_EQ(mac.sh("fanctl force 0 2500").front(), '1');
   for (const std::string line : {"", "ping\t", "ping\r", "write F0Tg 0", "write\tF0Tg",
                                  "write\tF0T\xFF\t0", "write\tF0Tg\t1.0", "write\tF0Tg\t0\tFloat",
                                  "sleep\t", "sleep\t-1", "sleep\tinf", "sleep\t3600.1"}) {
@@ -178,33 +173,6 @@ TEST_F(Processes, FansThatTheKernelShowsGoBeforeTheSimulatedOnes) {
   EXPECT_EQ(mac.root.read(fan + "output") + mac.root.read(fan + "manual"), "59001");
   EXPECT_EQ(daemon->stop(SIGTERM), 0);
   EXPECT_EQ(mac.root.read(fan + "manual") + mac.written(), "0");
-}
-
-// The same session thrice: on a sound disk, on a full one, and on one that is read-only; where that
-// is permitted by mounts that only the daemon sees.
-TEST_F(Processes, WithoutRoomForTheAuditLogItDoesAllTheSame) {
-  setenv("LOGS", mac.root.prepare("/Library/Application Support/Quorvane/").c_str(), 1);
-  const bool mayMount = mac.sh("unshare -m mount -t tmpfs none /tmp").front() == '0';
-  RecordProperty("mounted", mayMount);
-  const std::string full =
-      mayMount ? "mount -t tmpfs none \"$LOGS\" -o size=4k; head -c 9k /dev/zero >\"$LOGS/fill\""
-               : "ln -s /dev/full \"$LOGS/fan-audit.log\"";
-  const std::string closed =
-      mayMount ? "mount -t tmpfs none \"$LOGS\" -o ro" : "rm -r \"$LOGS\"; >\"${LOGS%/}\"";
-  std::vector<std::string> outcomes;
-  for (const std::string& obstacle : {std::string("true"), full, closed}) {
-    mac.sh("rm -f \"$LOGS/fan-audit.log\"");
-    mac.root.write("/var/lib/quorvane/smc.trace", "");
-    const auto daemon = mac.start((mayMount ? "unshare -m sh -c '" : "sh -c '") + obstacle +
-                                  "; exec QuorvaneFanHelper'");
-    const std::string replies =
-        mac.batch("write\tF0Md\t1\nwrite\tF1Tg\t1\nauto\nwrite\tFNum\t1\nwrite\tF1Md\t1\n");
-    EXPECT_EQ(mac.modes(), "01");
-    EXPECT_EQ(daemon->stop(SIGTERM), 0);
-    outcomes.push_back(replies + mac.written());
-    EXPECT_EQ(outcomes.back(), outcomes.front()) << obstacle;
-    EXPECT_EQ(mac.sh("test -s \"$LOGS/fan-audit.log\"").front() == '0', outcomes.size() == 1);
-  }
 }
 
 // Killed at every point of a session at which it has to do with the hardware, which keeps its
@@ -232,7 +200,7 @@ TEST(KillPoints, AfterACrashAnywhereAllFansAreAutomaticAtTheFirstReply) {
   EXPECT_GT(leftForced, 20);
 }
 
-// To hold the hardware's file is to be a driver that does not answer.
+// Whoever holds the hardware's file is to others a driver that does not answer.
 TEST(KillPoints, NobodyIsServedBeforeTheFansAreAutomatic) {
   const SimulatedMac mac;
   mac.sh("smcsim set F0Md 01; smcsim set F1Md 01");
@@ -241,7 +209,7 @@ TEST(KillPoints, NobodyIsServedBeforeTheFansAreAutomatic) {
   const Process daemon("QuorvaneFanHelper");
   for (int i = 0; i < 30; ++i) EXPECT_EQ(mac.sh("fanctl ping").front(), '3');
   hardware.reset();
-  while (mac.sh("fanctl ping").front() != '0') continue;
+  test::await("reply", [&] { return mac.sh("fanctl ping").front() == '0'; });
   EXPECT_EQ(mac.modes(), "00");
 }
 

@@ -1,18 +1,12 @@
-// A companion that misbehaves, and the one that suffers from it. Signed, it meets the helper of a
-// test as its argument says:
-//   flood   sends forcing writes as fast as the channel takes them, until it is cut off
-//   mute    again and again tries to enter, and sends requests until it is cut off, for it reads no
-//           reply
-//   crowd   tries to enter 200 times, and again if nobody gets in; each connection let in forces a
-//           fan 100 times; says how many they are, and stays
-//   fill    the same, but each sends as many requests of the greatest size as may wait
+// A companion that misbehaves. Signed, it meets the helper of a test as its argument says:
+//   flood   keeps as many forcing writes waiting as may wait, until it is cut off
+//   mute    enters and sends requests, but reads no reply; again and again
+//   crowd   enters with all the connections that are let in, each of which sends as many forcing
+//           writes as may wait; prints how many they are, and stays
+//   fill    the same, but most of the requests are of the greatest size
 //   linger  stops fan 0, and leaves behind requests and what takes a minute to close
-//   ping    is answered 300 pings, or fails, and says how long the slowest in a hundred took
-#include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <iostream>
 #include <vector>
 
@@ -25,72 +19,61 @@ namespace {
 using namespace quorvane;
 using test::RawChannel;
 
-/// Until it is cut off.
-void pester(const std::string& request, bool isReading) {
+std::string write(const std::string& key, std::int64_t value) {
+  return xpc::encodeRequest(1, xpc::WriteFanKeyRequest{key, value, false});
+}
+
+const std::string force = write("F0Md", 1);
+const std::string longest = write(std::string(xpc::maxRequestSize - write("", 0).size(), 'k'), 0);
+
+void flood() {
   const RawChannel channel;
   if (!channel.enter()) return;
-  char reply[1024];
-  while (channel.send(request)) {
-    while (isReading && recv(channel.socket.get(), reply, sizeof reply, MSG_DONTWAIT) > 0) {
-    }
+  for (int sent = 0; channel.send(force); ++sent) {
+    if (sent >= xpc::maxOutstandingReplies && !channel.receive()) return;
   }
 }
 
-/// Once its ping is answered, a channel's requests all wait.
-void fill(const std::vector<RawChannel>& channels, const std::string& first) {
-  std::string longest(xpc::maxRequestSize, 'k');
-  longest.resize(2 * longest.size() -
-                 xpc::encodeRequest(1, xpc::WriteFanKeyRequest{longest}).size());
-  const std::string request = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{longest});
-  channels.front().send(first);
-  for (const RawChannel& each : channels) {
-    for (int i = &each == &channels.front() ? 1 : 0; i < xpc::maxOutstandingReplies; ++i) {
-      each.send(request);
-    }
-    if (!each.ping()) std::exit(1);
-  }
-}
-
-int ping() {
+void staySilent() {
   const RawChannel channel;
-  if (!channel.enter()) return 1;
-  std::vector<std::chrono::nanoseconds> durations(300);
-  for (auto& duration : durations) {
-    const auto begin = std::chrono::steady_clock::now();
-    if (!channel.ping()) return 1;
-    duration = std::chrono::steady_clock::now() - begin;
+  if (!channel.enter()) return;
+  while (channel.send(xpc::encodeRequest(1, xpc::StatusRequest()))) continue;
+}
+
+/// Sends as many requests as may wait; the first forces fan 0.
+void fill(const RawChannel& channel, const std::string& request) {
+  channel.send(force);
+  for (int waiting = 1; waiting < xpc::maxOutstandingReplies; ++waiting) channel.send(request);
+}
+
+/// Enters with all the connections that are let in.
+std::vector<RawChannel> enterAsCrowd() {
+  std::vector<RawChannel> channels;
+  while (channels.empty()) {
+    channels = std::vector<RawChannel>(200);
+    std::erase_if(channels, [](const RawChannel& each) { return !each.enter(); });
   }
-  std::ranges::sort(durations);
-  std::cout << "ping, p99: " << durations[durations.size() * 99 / 100].count() / 1000 << " us\n";
-  return 0;
+  return channels;
 }
 
 }  // namespace
 
 int main(int, char** arguments) {
   const std::string_view manner = arguments[1];
-  if (manner == "ping") return ping();
-  const std::string force = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{"F0Md", 1, false});
-  const std::string status = xpc::encodeRequest(1, xpc::StatusRequest());
+  if (manner == "flood") flood();
+  for (; manner == "mute"; usleep(20'000)) staySilent();
   if (manner == "linger") {
     const RawChannel channel;
     if (!channel.enter()) return 1;
-    for (int i = 0; i < xpc::maxOutstandingReplies; ++i) {
-      channel.send(xpc::encodeRequest(1, xpc::WriteFanKeyRequest{"F0Tg", 0, false}));
-    }
+    fill(channel, write("F0Tg", 0));
     return test::sendLingering(channel.socket.get()) ? 0 : 1;
   }
-  if (manner == "flood") pester(force, /*isReading=*/true);
-  for (; manner == "mute"; poll(nullptr, 0, /*milliseconds=*/20)) {
-    pester(status, /*isReading=*/false);
-  }
-  while (manner == "crowd" || manner == "fill") {
-    std::vector<RawChannel> channels(200);
-    std::erase_if(channels, [](const RawChannel& each) { return !each.enter(); });
-    if (channels.empty()) continue;
-    if (manner == "fill") fill(channels, force);
-    for (int i = 0; manner == "crowd" && i < 100; ++i) {
-      for (const RawChannel& each : channels) each.send(force);
+  if (manner == "crowd" || manner == "fill") {
+    const std::vector<RawChannel> channels = enterAsCrowd();
+    for (const RawChannel& each : channels) fill(each, manner == "fill" ? longest : force);
+    for (const RawChannel& each : channels) {
+      // Answered once the requests are read.
+      if (manner == "fill" && !each.ping()) return 1;
     }
     std::cout << channels.size() << std::endl;
     pause();

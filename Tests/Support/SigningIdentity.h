@@ -7,15 +7,22 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace quorvane::test {
 
-/// The standard output of a command that must succeed.
-inline std::string shell(const std::string& command) {
+/// Runs a command of the shell to its end. Its wait status, and its standard output.
+inline std::pair<int, std::string> run(const std::string& command) {
   std::FILE* const pipe = popen(command.c_str(), "r");
   std::string output;
   for (int byte = 0; (byte = std::fgetc(pipe)) != EOF;) output += static_cast<char>(byte);
-  if (pclose(pipe) != 0) throw std::runtime_error("failed: " + command);
+  return {pclose(pipe), output};
+}
+
+/// The standard output of a command that must succeed.
+inline std::string shell(const std::string& command) {
+  const auto [status, output] = run(command);
+  if (status != 0) throw std::runtime_error("failed: " + command);
   return output;
 }
 

@@ -11,9 +11,9 @@
 #include <csignal>
 #include <functional>
 #include <memory>
-#include <thread>
 
 #include "Platform/Linux/Drivers/SMCFile.h"
+#include "Support/Await.h"
 #include "Support/SigningIdentity.h"
 #include "Support/TemporaryRoot.h"
 
@@ -53,12 +53,8 @@ class Process {
   }
   /// The most memory that it has had, in kB (proc(5)).
   [[nodiscard]] long peakMemory() const {
-    std::ifstream status("/proc/" + std::to_string(child) + "/status");
-    std::string word;
-    while (status >> word && word != "VmHWM:") continue;
-    long kilobytes = 0;
-    status >> kilobytes;
-    return kilobytes;
+    const std::string file = "/proc/" + std::to_string(child) + "/status";
+    return std::stol(test::shell("awk '/VmHWM/ { print $2 }' " + file));
   }
   /// Sends a signal, or none for 0, and waits for the end. Its exit status.
   int stop(int number) {
@@ -86,10 +82,8 @@ class SimulatedMac {
 
   /// Runs a command to its end. Its status, a colon and what it wrote: "0:ok 1.0.0\n".
   std::string sh(const std::string& command) const {
-    std::FILE* pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
-    std::string output;
-    for (int c; (c = std::getc(pipe)) != EOF;) output += static_cast<char>(c);
-    return std::to_string(exitStatus(pclose(pipe))) + ":" + output;
+    const auto [status, output] = test::run("{ " + command + "; } 2>&1");
+    return std::to_string(exitStatus(status)) + ":" + output;
   }
   /// What `fanctl batch` answers to these lines.
   std::string batch(const std::string& lines) const {
@@ -105,9 +99,8 @@ class SimulatedMac {
   /// Starts the daemon and returns once it answers, or has ended.
   std::unique_ptr<Process> start(const std::string& command = "QuorvaneFanHelper") const {
     auto daemon = std::make_unique<Process>(command);
-    while (daemon->isRunning() && sh("fanctl ping").front() != '0') {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    test::await("answer of the daemon",
+                [&] { return !daemon->isRunning() || sh("fanctl ping").front() == '0'; });
     return daemon;
   }
 
@@ -122,9 +115,9 @@ class SimulatedMac {
               "$QUORVANE_ROOT/var/lib/quorvane/*.trace")
         .substr(2);
   }
-  /// Returns once as many writes are in the trace.
-  void waitForWrites(std::ptrdiff_t count) const {
-    while (std::ranges::count(written(), ' ') < count) std::this_thread::yield();
+  void awaitWrites(std::ptrdiff_t count) const {
+    test::await(std::to_string(count) + " writes",
+                [&] { return std::ranges::count(written(), ' ') >= count; });
   }
 
   /// Takes the hardware for as long as the file lives, which holds up everybody else.
@@ -143,13 +136,17 @@ class SimulatedMac {
     };
     return mode(0) + mode(1);
   }
-  /// Waits until the modes change; how long after the last write before that they did, whenever it
-  /// was seen.
+  void awaitModes(const std::string& awaited) const {
+    test::await("modes " + awaited, [&] { return modes() == awaited; });
+  }
+  /// Waits until the modes change. The time from the last write before to that change.
   double secondsToRestore() const {
+    const std::string forced = modes();
     std::chrono::nanoseconds before{}, last{};
-    for (const std::string forced = modes(); modes(&last) == forced; before = last) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    test::await("restore", [&] {
+      before = last;
+      return modes(&last) != forced;
+    });
     return std::chrono::duration<double>(last - before).count();
   }
 

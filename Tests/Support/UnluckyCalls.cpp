@@ -2,8 +2,8 @@
 // their place, by the linker's --wrap. The process is killed where the environment variable
 // KILL_POINT says, at an even number before a call of the driver and at an odd one after it,
 // counted from 0. Files in the root do the rest: while there is "clock-set-back", the wall clock
-// shows an hour ago; "no-memory" and "surprise" let the driver throw once, while it has the
-// hardware to itself; "stop-early" lets SIGTERM come once, as soon as a thread blocks it.
+// shows an hour ago; "no-memory" lets the driver throw once, while it has the hardware to
+// itself; "stop-early" lets SIGTERM come once, as soon as a thread blocks it.
 #include <IOKit/IOKitLib.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -44,7 +44,6 @@ kern_return_t __wrap_IOConnectCallStructMethod(mach_port_t connection, uint32_t 
 decltype(pwrite) __real_pwrite;
 ssize_t __wrap_pwrite(int file, const void* bytes, size_t count, off_t offset) {
   if (occurs("/no-memory")) throw std::bad_alloc();
-  if (occurs("/surprise")) throw 0;
   return __real_pwrite(file, bytes, count, offset);
 }
 
