@@ -6,12 +6,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 
 #include "FanControlClient/FanControlClient.h"
 #include "Platform/Linux/Channel/Connection.h"
 #include "Platform/Linux/Channel/Gatekeeper.h"
 #include "Support/Await.h"
+#include "Support/ExportedObject.h"
+#include "Support/Lingering.h"
 #include "Support/RawChannel.h"
 #include "Support/TemporaryRoot.h"
 
@@ -26,19 +27,8 @@ namespace {
 using test::RawChannel;
 const TemporaryRoot root;
 
-/// The exported object and the delegate. Answers a write at once, but one of the key "held" when
-/// the test says so.
-struct Helper final : FanControlXPC, ListenerDelegate, std::enable_shared_from_this<Helper> {
-  void writeFanKey(std::string key, std::int64_t value, bool isFloat, OutcomeReply reply) override {
-    const std::lock_guard lock(mutex);
-    ++writes;
-    if (key != "held") return reply(isFloat && value == -1, std::move(key));
-    held.push_back(std::move(reply));
-  }
-  void restoreAuto(OutcomeReply) override {}
-  void status(StatusReply) override {}
-  void ping(PingReply reply) override { reply("ok"); }
-
+/// The exported object and the delegate.
+struct Helper final : ExportedObject, ListenerDelegate, std::enable_shared_from_this<Helper> {
   bool shouldAcceptNewConnection(Connection& connection) override {
     static_cast<IncomingConnection&>(connection).settings.timeToAdmit = timeToAdmit;
     if (missing != 4) connection.setExportedInterface(Interface::fanControl);
@@ -48,16 +38,8 @@ struct Helper final : FanControlXPC, ListenerDelegate, std::enable_shared_from_t
     return missing != 3;
   }
 
-  void answerHeld() {
-    const std::lock_guard lock(mutex);
-    for (const OutcomeReply& reply : std::exchange(held, {})) reply(true, std::nullopt);
-  }
-
   std::atomic<int> missing = 0;  // which part of the delegate's consent
   std::atomic<std::chrono::milliseconds> timeToAdmit{admissionTimeout};
-  std::atomic<int> writes = 0;
-  std::mutex mutex;
-  std::vector<OutcomeReply> held;
 };
 
 std::string write(const std::string& key) {
@@ -96,11 +78,8 @@ TEST_F(Channel, ClientIsServedByTheDelegatesWholeConsent) {
     helper->missing = part;
     EXPECT_EQ(client.connect(), part == 0) << part;
   }
-  const auto outcome = client.writeFanKey(longestKey, -1, true);
-  ASSERT_TRUE(outcome) << client.error();
-  EXPECT_TRUE(outcome->success);
-  EXPECT_EQ(outcome->message, longestKey);
-  EXPECT_FALSE(client.writeFanKey(longestKey + 'k', -1, true));
+  EXPECT_EQ(describe(client.writeFanKey(longestKey, INT64_MIN, true)), "true " + longestKey);
+  EXPECT_FALSE(client.writeFanKey(longestKey + 'k', 0, true));
   EXPECT_FALSE(client.ping()) << "every failure is the end";
 }
 
@@ -130,7 +109,7 @@ TEST_F(Channel, MessagesComeFromThePeerAloneAndAlone) {
   RawChannel borrowed;
   ASSERT_TRUE(borrowed.connect());
   const std::string response = borrowed.responseToChallenge();
-  std::string request = write("F0Tg");
+  const std::string request = write("F0Tg");
   if (fork() == 0) {
     borrowed.send(response);
     other.send(request);
@@ -140,11 +119,7 @@ TEST_F(Channel, MessagesComeFromThePeerAloneAndAlone) {
   other.waitForCutOff();
   EXPECT_GT(wait(nullptr), 0);
 
-  iovec data{request.data(), request.size()};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};  // descriptor 0
-  const msghdr message{nullptr, 0, &data, 1, control, sizeof control, 0};
-  *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-  if (sendmsg(peer.socket.get(), &message, 0) > 0) {
+  if (test::sendDescriptors(peer.socket.get(), request, {STDIN_FILENO})) {
     peer.waitForCutOff();
   } else {
     EXPECT_EQ(errno, EPERM) << "from Linux 6.16 on the kernel refuses it";
@@ -189,19 +164,20 @@ TEST_F(Channel, PlacesAreBoundedForEachUserAndInAll) {
   const auto isChallenged = [](const RawChannel& each, uid_t user) {
     return each.connect(user) && each.receive().has_value();
   };
-  const auto enters = [&](const RawChannel& each, uid_t user) {
+  const auto enters = [](const RawChannel& each, uid_t user) {
     return each.connect(user) && each.send(each.responseToChallenge()) && each.ping();
   };
   {
-    const std::vector<RawChannel> entering(maxConnectionsInAdmission);
-    auto next = entering.begin();
-    for (const uid_t user : {1U, 2U, 3U, 0U}) {
+    std::vector<RawChannel> entering;
+    const auto takePlacesOf = [&](uid_t user) {
       for (int i = 0; i < maxConnectionsInAdmissionOfOneUser; ++i) {
-        EXPECT_TRUE(isChallenged(*next++, user)) << user;
+        EXPECT_TRUE(isChallenged(entering.emplace_back(), user)) << user;
       }
       EXPECT_FALSE(isChallenged(RawChannel(), user)) << user;
-      if (user == 3) EXPECT_FALSE(isChallenged(RawChannel(), 4)) << "the rest is root's";
-    }
+    };
+    for (const uid_t user : {1, 2, 3}) takePlacesOf(user);
+    EXPECT_FALSE(isChallenged(RawChannel(), 4)) << "the rest is root's";
+    takePlacesOf(0);
   }
   // Those are gone, in their own time.
   test::await("free place", [&] { return enters(RawChannel(), 1); });

@@ -3,14 +3,14 @@
 // way to the listener are stand-ins.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <future>
-#include <mutex>
 
 #import "FanControlClient/Darwin/HelperConnection.h"
 #include "FanControlClient/FanControlClient.h"
 #import "Platform/Darwin/FanControlProtocol.h"
 #import "Platform/Darwin/ListenerDelegate.h"
+#include "Support/Await.h"
+#include "Support/ExportedObject.h"
 
 /// The facade's delegate, with the last connection to be seen.
 @interface QRVWitness : QRVListenerDelegate
@@ -32,18 +32,8 @@ const std::string ours = "identifier \"XPCFacadeTests\"", another = "identifier 
 NSXPCListenerEndpoint* endpoint = nil;
 std::string demanded;  // of the helper
 
-/// The exported object and the C++ delegate. Answers a write of the key "held" when the test says
-/// so.
-struct Helper final : FanControlXPC, xpc::ListenerDelegate, std::enable_shared_from_this<Helper> {
-  void writeFanKey(std::string key, std::int64_t value, bool isFloat, OutcomeReply reply) override {
-    const std::lock_guard lock(mutex);
-    if (key != "held") return reply(isFloat && value == INT64_MIN, std::move(key));
-    held.push_back(std::move(reply));
-    changed.notify_all();
-  }
-  void restoreAuto(OutcomeReply reply) override { reply(true, std::nullopt); }
-  void status(StatusReply reply) override { reply({{"b", "\u20AC"}, {"a", ""}}); }
-  void ping(PingReply reply) override { reply(++pings > 0 ? "ok" : ""); }
+/// The exported object and the C++ delegate.
+struct Helper final : ExportedObject, xpc::ListenerDelegate, std::enable_shared_from_this<Helper> {
   bool shouldAcceptNewConnection(xpc::Connection& connection) override {
     connection.setExportedInterface(xpc::Interface::fanControl);
     connection.setExportedObject(shared_from_this());
@@ -52,20 +42,7 @@ struct Helper final : FanControlXPC, xpc::ListenerDelegate, std::enable_shared_f
     return true;
   }
 
-  bool holds(std::size_t count) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, std::chrono::seconds(10), [&] { return held.size() == count; });
-  }
-  void answerHeld() {
-    const std::lock_guard lock(mutex);
-    for (const OutcomeReply& reply : std::exchange(held, {})) reply(true, std::nullopt);
-  }
-
   std::string requirement = ours;
-  std::atomic<int> pings = 0;
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<OutcomeReply> held;
 };
 
 struct XPCFacade : testing::Test {
@@ -84,30 +61,23 @@ struct XPCFacade : testing::Test {
 
 TEST_F(XPCFacade, TheFourOperationsCarryWhatIsThereAndWhatIsNot) {
   ASSERT_TRUE(client.connect()) << client.error();
-  auto outcome = client.writeFanKey("F0\u20AC", INT64_MIN, true);
-  EXPECT_TRUE(outcome && outcome->success && outcome->message == "F0\u20AC") << client.error();
-  outcome = client.writeFanKey("\xFF", INT64_MAX, true);  // a key that crosses as nil
-  EXPECT_TRUE(outcome && !outcome->success && outcome->message == "") << client.error();
-  outcome = client.restoreAuto();
-  EXPECT_TRUE(outcome && outcome->success && !outcome->message) << client.error();
-  EXPECT_EQ(client.status(), (StatusReport{{"a", ""}, {"b", "\u20AC"}})) << client.error();
-  EXPECT_EQ(client.ping(), "ok") << client.error();
+  EXPECT_EQ(describe(client.writeFanKey("F0\u20AC", INT64_MIN, true)), "true F0\u20AC");
+  // A key that crosses as nil.
+  EXPECT_EQ(describe(client.writeFanKey("\xFF", INT64_MAX, true)), "false ");
+  EXPECT_EQ(describe(client.restoreAuto()), "true");
+  EXPECT_EQ(client.status(), (StatusReport{{"a", ""}, {"b", "\u20AC"}}));
+  EXPECT_EQ(client.ping(), "ok");
+}
 
+// Whoever calls need not ask for a reply.
+TEST_F(XPCFacade, ReplyBlocksMayBeNil) {
+  ASSERT_TRUE(client.connect()) << client.error();
   const id<FanControlXPC> exported = delegate.incoming.exportedObject;
   [exported restoreAutoWithReply:nil];
   [exported statusWithReply:nil];
   [exported pingWithReply:nil];
-  const unichar half = 0xD800;
-  NSString* const key = [NSString stringWithCharacters:&half length:1];
-  [exported writeFanKey:key value:0 isFloat:NO reply:nil];
-  __block std::string said;
-  [exported writeFanKey:key
-                  value:0
-                isFloat:NO
-                  reply:^(BOOL, NSString* message) {
-                    said = xpc::fromNSString(message);
-                  }];
-  EXPECT_EQ(said, "\uFFFD");
+  [exported writeFanKey:@"" value:0 isFloat:NO reply:nil];
+  EXPECT_EQ(helper->writes, 1);
 }
 
 TEST_F(XPCFacade, EachEndRefusesAnotherSignature) {
@@ -115,16 +85,16 @@ TEST_F(XPCFacade, EachEndRefusesAnotherSignature) {
     helper->requirement = ofClient;
     demanded = ofHelper;
     EXPECT_FALSE(client.connect()) << ofClient << ", " << ofHelper;
-    EXPECT_TRUE(helper->pings == 0 || ofClient == ours) << ofClient;
+    if (ofClient != ours) EXPECT_EQ(helper->pings, 0) << ofClient;
   }
 }
 
 TEST_F(XPCFacade, AConnectionThatEndsIsReplacedAtTheNextCall) {
   ASSERT_TRUE(client.connect()) << client.error();
   auto call = std::async([this] { return client.writeFanKey("held", 1, false); });
-  ASSERT_TRUE(helper->holds(1));
+  test::await("write", [this] { return helper->writes == 1; });
   [delegate.incoming invalidate];
-  EXPECT_FALSE(call.get());
+  EXPECT_EQ(describe(call.get()), "no reply");
   helper->answerHeld();  // to nobody
   EXPECT_EQ(client.ping(), "ok") << client.error();
 }
@@ -134,17 +104,14 @@ TEST_F(XPCFacade, WaitingRequestsOfAConnectionAreBounded) {
   peer.remoteObjectInterface = [NSXPCInterface interfaceWithProtocol:@protocol(FanControlXPC)];
   [peer resume];
   const id<FanControlXPC> proxy = peer.remoteObjectProxy;
-  for (int i = 0; i < 65; ++i)
-    [proxy writeFanKey:@"held"
-                 value:1
-               isFloat:NO
-                 reply:^(BOOL, id){
-                 }];
-  ASSERT_TRUE(helper->holds(64));
+  const auto ignoreReply = ^(BOOL, NSString*) {
+  };
+  for (int i = 0; i < 65; ++i) [proxy writeFanKey:@"held" value:1 isFloat:NO reply:ignoreReply];
+  test::await("64 writes", [this] { return helper->writes == 64; });
   for (int i = 0; i < 300; ++i) ASSERT_EQ(client.ping(), "ok") << client.error();
-  ASSERT_TRUE(helper->holds(64)) << "the last one waits";
+  EXPECT_EQ(helper->writes, 64) << "the last one waits";
   helper->answerHeld();
-  EXPECT_TRUE(helper->holds(1));
+  test::await("the last write", [this] { return helper->writes == 65; });
   helper->answerHeld();
   [peer invalidate];
 }

@@ -1,18 +1,30 @@
-// A message with something in it that takes a minute to close.
+// Messages with descriptors, such as one that takes a minute to close.
 #pragma once
 
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "Platform/File.h"
 
 namespace quorvane::test {
 
+/// False when the kernel refuses to take descriptors along.
+inline bool sendDescriptors(int channel, std::string message, const std::vector<int>& descriptors) {
+  const std::size_t size = descriptors.size() * sizeof(int);
+  std::vector<char> control(CMSG_SPACE(size));
+  iovec data{message.data(), message.size()};
+  const msghdr header{nullptr, 0, &data, 1, control.data(), control.size(), 0};
+  *CMSG_FIRSTHDR(&header) = {CMSG_LEN(size), SOL_SOCKET, SCM_RIGHTS};
+  std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&header)), descriptors.data(), size);
+  return sendmsg(channel, &header, MSG_NOSIGNAL) >= 0;
+}
+
 /// Sends both ends of a TCP connection whose bytes nobody reads: whoever closes the sending one
-/// last waits for them (SO_LINGER, socket(7)). False when the kernel refuses to take descriptors
-/// along.
+/// last waits for them (SO_LINGER, socket(7)).
 inline bool sendLingering(int channel) {
   const Descriptor listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const Descriptor sending(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -24,18 +36,11 @@ inline bool sendLingering(int channel) {
     return false;
   }
   const Descriptor receiving(accept(listening.get(), nullptr, nullptr));
-  const char block[65536] = {};
-  while (send(sending.get(), block, sizeof block, MSG_DONTWAIT) > 0) continue;
+  const std::string block(65536, 'x');
+  while (send(sending.get(), block.data(), block.size(), MSG_DONTWAIT) > 0) continue;
   const linger aMinute{1, 60};
   setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &aMinute, sizeof aMinute);
-
-  const int ends[] = {sending.get(), receiving.get()};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof ends)] = {};
-  iovec data{const_cast<char*>(block), 1};
-  const msghdr message{nullptr, 0, &data, 1, control, sizeof control, 0};
-  *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof ends), SOL_SOCKET, SCM_RIGHTS};
-  std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), ends, sizeof ends);
-  return sendmsg(channel, &message, MSG_NOSIGNAL) == 1;
+  return sendDescriptors(channel, "x", {sending.get(), receiving.get()});
 }
 
 }  // namespace quorvane::test

@@ -1,0 +1,47 @@
+// An exported object for tests of what is between a client and the helper. It answers on the
+// connection's thread, but a write of the key "held" only when the test says so.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "QRVFanShared/FanControlXPC.h"
+
+namespace quorvane {
+
+/// "true" or "false", and the message behind a space; "no reply" when there was none.
+inline std::string describe(const std::optional<Outcome>& outcome) {
+  if (!outcome) return "no reply";
+  const std::string success = outcome->success ? "true" : "false";
+  return outcome->message ? success + " " + *outcome->message : success;
+}
+
+struct ExportedObject : FanControlXPC {
+  void writeFanKey(std::string key, std::int64_t value, bool isFloat, OutcomeReply reply) override {
+    const std::lock_guard lock(mutex);
+    ++writes;
+    if (key != "held") return reply(isFloat && value == INT64_MIN, std::move(key));
+    held.push_back(std::move(reply));
+  }
+  void restoreAuto(OutcomeReply reply) override { reply(true, std::nullopt); }
+  void status(StatusReply reply) override { reply({{"b", "\u20AC"}, {"a", ""}}); }
+  void ping(PingReply reply) override {
+    ++pings;
+    reply("ok");
+  }
+
+  void answerHeld() {
+    const std::lock_guard lock(mutex);
+    for (const OutcomeReply& reply : std::exchange(held, {})) reply(true, std::nullopt);
+  }
+
+  std::atomic<int> writes = 0, pings = 0;
+
+ private:
+  std::mutex mutex;
+  std::vector<OutcomeReply> held;
+};
+
+}  // namespace quorvane
