@@ -20,10 +20,10 @@ struct HostileClients : testing::Test {
   HostileClients() { mac.install("hostile"); }
 
   /// Sends a crowd in the place of the one before. How many are let in, each of which forces fan 0.
-  int replaceCrowd(const std::string& manner = "crowd") {
+  int replaceCrowd() {
     crowd.reset();
     mac.root.write("/crowd", "");
-    crowd = std::make_unique<Process>("hostile " + manner + " >$QUORVANE_ROOT/crowd");
+    crowd = std::make_unique<Process>("hostile crowd >$QUORVANE_ROOT/crowd");
     test::await("crowd", [this] { return !mac.root.read("/crowd").empty(); });
     return std::stoi(mac.root.read("/crowd"));
   }
@@ -55,15 +55,15 @@ TEST_F(HostileClients, FloodsDelayNoPingAndEndWithTheRestore) {
   expectRestoreBySIGTERM(*daemon);
 }
 
-// Both fans are forced. One client is killed then. Another stops while it waits for replies. A third
-// never reads any. A fourth leaves behind what takes a minute to close. The wall clock is set back.
-// Twenty real seconds.
+// Both fans are forced. One client is killed then. Another stops while it waits for replies. A
+// third leaves behind what takes a minute to close. The wall clock is set back. Twenty real
+// seconds.
 TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
   const auto daemon = mac.start("UnluckyHelper 2>$QUORVANE_ROOT/log");
-  const Process mute("hostile mute"), stopped("hostile flood");
+  const Process stopped("hostile flood");
   Process dying("fanctl force 1 2500");
   mac.awaitWrites(200);
-  mac.awaitModes("11");
+  test::await("forced fans", [this] { return mac.modes() == "11"; });
   EXPECT_EQ(Process("hostile linger").stop(0), 0);
   stopped.signal(SIGSTOP);
   dying.stop(SIGKILL);
@@ -76,8 +76,6 @@ TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
       "lease expired — fail-safe\nrestore → automatic (lease expired); fans=[0, 1]\n"));
   EXPECT_NE(mac.root.read("/log").find("Fan lease expired — fail-safe restoring automatic\n"),
             std::string::npos);
-  const std::string log = mac.root.read("/Library/Application Support/Quorvane/fan-audit.log");
-  EXPECT_LT(log.substr(log.rfind('\n', log.size() - 2) + 1, 20), log.substr(0, 20));
 }
 
 TEST_F(HostileClients, CrowdsAreBoundedAndLeaveARestoreItsDescriptors) {
@@ -90,7 +88,6 @@ TEST_F(HostileClients, CrowdsAreBoundedAndLeaveARestoreItsDescriptors) {
 
   // So few descriptors that a crowd could take them all.
   daemon = mac.start("prlimit --nofile=40 QuorvaneFanHelper");
-  const Process alwaysEntering("hostile mute");
   EXPECT_LT(replaceCrowd(), everybody);
   EXPECT_LT(replaceCrowd(), everybody) << "it serves again";
   expectRestoreBySIGTERM(*daemon);
@@ -129,18 +126,6 @@ TEST_F(HostileClients, AGatekeeperHasOnlyItsOwnAndEndsAtTheDeadline) {
   EXPECT_NEAR(taken.count(), 6.5, 2) << "less than the time that fanctl waits";
   EXPECT_EQ(mac.root.read("/descriptors"), "0 1 2 3\n") << "3 is the folder that ls reads";
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
-}
-
-// The driver does not answer, so that every request that may wait does.
-TEST_F(HostileClients, WithEveryBoundFullTheGuardStaysSmall) {
-  const auto daemon = mac.start();
-  std::optional<simulation::SMCFile> hardware(std::in_place);
-  ASSERT_EQ(mac.take(*hardware), 0);
-  EXPECT_EQ(replaceCrowd("fill"), everybody);
-  RecordProperty("kilobytes", std::to_string(daemon->peakMemory()));
-  EXPECT_LT(daemon->peakMemory(), MEMORY_BOUND);
-  hardware.reset();
-  expectRestoreBySIGTERM(*daemon);
 }
 
 // fanctl under other signatures: each is cut off before any operation.

@@ -12,10 +12,10 @@ namespace quorvane {
 namespace {
 
 using namespace std::string_literals;
+const TemporaryRoot root;
 
 // The model of most machines is in every process test.
 TEST(Platform, TheModelMayComeFromTheDeviceTree) {
-  const TemporaryRoot root;
   root.write("/proc/device-tree/model", "Apple MacBook Air (M2)\0"s);
   root.write("/sys/class/dmi/id/product_name", "\n");
   std::string text(50, '?');
@@ -32,7 +32,6 @@ std::string received(int descriptor) {
 
 // A message that waited for room would hold up this process for ever.
 TEST(Platform, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
-  const TemporaryRoot root;
   const auto address = socketAddress(root.prepare("/run/systemd/journal/socket")).value();
   const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
   ASSERT_EQ(bind(journal, address.get(), address.size), 0);
@@ -46,7 +45,6 @@ TEST(Platform, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
   EXPECT_TRUE(received(journal).starts_with("MESSAGE=short\nPRIORITY=5\n"));
   close(journal);
 
-  const int saved = dup(STDERR_FILENO);
   int pipe[2];
   ASSERT_EQ(pipe2(pipe, O_NONBLOCK), 0);
   ASSERT_GT(write(pipe[1], std::string(100000, 'x').data(), 100000), 0);  // as many as fit
@@ -59,7 +57,6 @@ TEST(Platform, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
   close(STDERR_FILENO);
   os_log_create("com.quorvane.app", "FanHelperMain");
   EXPECT_GT(open("/dev/null", O_RDONLY), STDERR_FILENO) << "no log line may land in a file";
-  dup2(saved, STDERR_FILENO);
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
 // A companion that misbehaves. Signed, it meets the helper of a test as its argument says:
 //   flood   keeps as many forcing writes waiting as may wait, until it is cut off
-//   mute    enters and sends requests, but reads no reply; again and again
 //   crowd   enters with all the connections that are let in, each of which sends as many forcing
 //           writes as may wait; prints how many they are, and stays
-//   fill    the same, but most of the requests are of the greatest size
 //   linger  stops fan 0, and leaves behind requests and what takes a minute to close
 #include <unistd.h>
 
@@ -24,7 +22,6 @@ std::string write(const std::string& key, std::int64_t value) {
 }
 
 const std::string force = write("F0Md", 1);
-const std::string longest = write(std::string(xpc::maxRequestSize - write("", 0).size(), 'k'), 0);
 
 void flood() {
   const RawChannel channel;
@@ -32,12 +29,6 @@ void flood() {
   for (int sent = 0; channel.send(force); ++sent) {
     if (sent >= xpc::maxOutstandingReplies && !channel.receive()) return;
   }
-}
-
-void staySilent() {
-  const RawChannel channel;
-  if (!channel.enter()) return;
-  while (channel.send(xpc::encodeRequest(1, xpc::StatusRequest()))) continue;
 }
 
 /// Sends as many requests as may wait; the first forces fan 0.
@@ -61,20 +52,15 @@ std::vector<RawChannel> enterAsCrowd() {
 int main(int, char** arguments) {
   const std::string_view manner = arguments[1];
   if (manner == "flood") flood();
-  for (; manner == "mute"; usleep(20'000)) staySilent();
   if (manner == "linger") {
     const RawChannel channel;
     if (!channel.enter()) return 1;
     fill(channel, write("F0Tg", 0));
     return test::sendLingering(channel.socket.get()) ? 0 : 1;
   }
-  if (manner == "crowd" || manner == "fill") {
+  if (manner == "crowd") {
     const std::vector<RawChannel> channels = enterAsCrowd();
-    for (const RawChannel& each : channels) fill(each, manner == "fill" ? longest : force);
-    for (const RawChannel& each : channels) {
-      // Answered once the requests are read.
-      if (manner == "fill" && !each.ping()) return 1;
-    }
+    for (const RawChannel& each : channels) fill(each, force);
     std::cout << channels.size() << std::endl;
     pause();
   }

@@ -51,11 +51,6 @@ class Process {
     const id_t id = static_cast<id_t>(child);
     return waitid(P_PID, id, &ending, WEXITED | WNOHANG | WNOWAIT) == 0 && ending.si_pid == 0;
   }
-  /// The most memory that it has had, in kB (proc(5)).
-  [[nodiscard]] long peakMemory() const {
-    const std::string file = "/proc/" + std::to_string(child) + "/status";
-    return std::stol(test::shell("awk '/VmHWM/ { print $2 }' " + file));
-  }
   /// Sends a signal, or none for 0, and waits for the end. Its exit status.
   int stop(int number) {
     signal(number);
@@ -135,9 +130,6 @@ class SimulatedMac {
       return std::to_string(file.machine.find(simulation::fanKey(fan, "Md"))->data[0]);
     };
     return mode(0) + mode(1);
-  }
-  void awaitModes(const std::string& awaited) const {
-    test::await("modes " + awaited, [&] { return modes() == awaited; });
   }
   /// Waits until the modes change. The time from the last write before to that change.
   double secondsToRestore() const {

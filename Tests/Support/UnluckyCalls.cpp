@@ -70,10 +70,4 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now) {
   return result;
 }
 
-time_t __wrap_time(time_t* /*null, as everybody calls it*/) {
-  timespec now{};
-  __wrap_clock_gettime(CLOCK_REALTIME, &now);
-  return now.tv_sec;
-}
-
 }  // extern "C"
