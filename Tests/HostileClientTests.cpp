@@ -5,6 +5,7 @@
 
 #include <csignal>
 
+#include "Platform/Linux/Channel/Connection.h"
 #include "Support/Await.h"
 #include "Support/Lingering.h"
 #include "Support/RawChannel.h"
@@ -13,19 +14,46 @@
 namespace quorvane {
 namespace {
 
+using test::RawChannel;
+
 /// As many as are let in of one user, the one that runs the tests.
-const int everybody = geteuid() == 0 ? 32 : 8;
+const std::size_t everybody = geteuid() == 0 ? 32 : 8;
+
+/// Sends as many writes as may wait for a reply.
+void fill(const RawChannel& channel, const std::string& key, std::int64_t value) {
+  const std::string request = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{key, value, false});
+  for (int i = 0; i < xpc::maxOutstandingReplies; ++i) channel.send(request);
+}
+
+/// Forces fan 0 as often as it can until it is cut off.
+void flood() {
+  const RawChannel channel;
+  if (!channel.enter()) return;
+  fill(channel, "F0Md", 1);
+  const std::string force = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{"F0Md", 1, false});
+  while (channel.receive()) channel.send(force);
+}
+
+/// All connections that are let in, each of which forces fan 0.
+std::vector<RawChannel> enterAsCrowd() {
+  std::vector<RawChannel> crowd;
+  test::await("place", [&crowd] {
+    crowd = std::vector<RawChannel>(200);
+    std::erase_if(crowd, [](const RawChannel& each) { return !each.enter(); });
+    return !crowd.empty();
+  });
+  for (const RawChannel& each : crowd) fill(each, "F0Md", 1);
+  return crowd;
+}
 
 struct HostileClients : testing::Test {
-  HostileClients() { mac.install("hostile"); }
-
-  /// Sends a crowd in the place of the one before. How many are let in, each of which forces fan 0.
-  int replaceCrowd() {
-    crowd.reset();
-    mac.root.write("/crowd", "");
-    crowd = std::make_unique<Process>("hostile crowd >$QUORVANE_ROOT/crowd");
-    test::await("crowd", [this] { return !mac.root.read("/crowd").empty(); });
-    return std::stoi(mac.root.read("/crowd"));
+  /// The command of a daemon with a script for a gatekeeper. The empty one admits everybody, the
+  /// test itself too.
+  std::string guardedBy(const std::string& script, const std::string& daemon) const {
+    mac.root.write("/bin/quorvane-codesign", "#!/bin/sh\n" + script);
+    const std::string copy = mac.root.prepare("/sbin/" + daemon);
+    mac.sh("chmod +x $QUORVANE_ROOT/bin/*; cp " PROGRAMS_FOLDER "/" + daemon + " " + copy);
+    return copy;
   }
   void expectRestoreBySIGTERM(Process& daemon) const {
     EXPECT_EQ(daemon.stop(SIGTERM), 0);
@@ -34,16 +62,16 @@ struct HostileClients : testing::Test {
   }
 
   SimulatedMac mac;
-  std::unique_ptr<Process> crowd;
 };
 
 TEST_F(HostileClients, FloodsDelayNoPingAndEndWithTheRestore) {
   int broken[2];
   ASSERT_EQ(pipe(broken), 0);
   close(broken[0]);
-  const std::string intoBroken = "QuorvaneFanHelper 2>&" + std::to_string(broken[1]);
+  const std::string intoBroken =
+      guardedBy("", "QuorvaneFanHelper") + " 2>&" + std::to_string(broken[1]);
   const auto daemon = mac.start(intoBroken);
-  const Process first("hostile flood"), second("hostile flood");
+  const Process first(flood), second(flood);
   mac.awaitWrites(100);
   std::string pings, answers;
   for (int i = 0; i < 300; ++i) {
@@ -59,12 +87,17 @@ TEST_F(HostileClients, FloodsDelayNoPingAndEndWithTheRestore) {
 // third leaves behind what takes a minute to close. The wall clock is set back. Twenty real
 // seconds.
 TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
-  const auto daemon = mac.start("UnluckyHelper 2>$QUORVANE_ROOT/log");
-  const Process stopped("hostile flood");
+  const auto daemon = mac.start(guardedBy("", "UnluckyHelper") + " 2>$QUORVANE_ROOT/log");
+  const Process stopped(flood);
   Process dying("fanctl force 1 2500");
   mac.awaitWrites(200);
   test::await("forced fans", [this] { return mac.modes() == "11"; });
-  EXPECT_EQ(Process("hostile linger").stop(0), 0);
+  {
+    const RawChannel left;
+    ASSERT_TRUE(left.enter());
+    fill(left, "F0Tg", 0);
+    EXPECT_TRUE(test::sendLingering(left.socket.get()));
+  }
   stopped.signal(SIGSTOP);
   dying.stop(SIGKILL);
   EXPECT_EQ(mac.sh("fanctl status").front(), '0') << "comes behind all that is queued";
@@ -79,17 +112,19 @@ TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
 }
 
 TEST_F(HostileClients, CrowdsAreBoundedAndLeaveARestoreItsDescriptors) {
-  auto daemon = mac.start();
-  EXPECT_EQ(replaceCrowd(), everybody);
-  const std::vector<test::RawChannel> strangers(200);
-  for (const auto& each : strangers) EXPECT_TRUE(each.connect());
-  for (const auto& each : strangers) EXPECT_FALSE(each.receive());
+  const std::string helper = guardedBy("", "QuorvaneFanHelper");
+  auto daemon = mac.start(helper);
+  std::vector<RawChannel> crowd = enterAsCrowd();
+  EXPECT_EQ(crowd.size(), everybody);
   expectRestoreBySIGTERM(*daemon);
 
   // So few descriptors that a crowd could take them all.
-  daemon = mac.start("prlimit --nofile=40 QuorvaneFanHelper");
-  EXPECT_LT(replaceCrowd(), everybody);
-  EXPECT_LT(replaceCrowd(), everybody) << "it serves again";
+  daemon = mac.start("prlimit --nofile=40 " + helper);
+  for (const char* crowdNumber : {"first", "second"}) {
+    crowd.clear();
+    crowd = enterAsCrowd();
+    EXPECT_LT(crowd.size(), everybody) << crowdNumber;
+  }
   expectRestoreBySIGTERM(*daemon);
   EXPECT_EQ(mac.audited().find("write error"), std::string::npos);
 }
@@ -100,7 +135,7 @@ TEST_F(HostileClients, NobodyWaitsForWhatStrangersLeaveBehind) {
   if (geteuid() != 0) GTEST_SKIP() << "takes another user";
   const auto daemon = mac.start("UnluckyHelper");
   int left = 0;  // some attempts come too late
-  for (const test::RawChannel& each : std::vector<test::RawChannel>(20)) {
+  for (const RawChannel& each : std::vector<RawChannel>(20)) {
     EXPECT_TRUE(each.connect(1));
     if (test::sendLingering(each.socket.get())) ++left;
   }
@@ -112,12 +147,8 @@ TEST_F(HostileClients, NobodyWaitsForWhatStrangersLeaveBehind) {
 
 // One that hangs, and says first which descriptors it has. Five real seconds.
 TEST_F(HostileClients, AGatekeeperHasOnlyItsOwnAndEndsAtTheDeadline) {
-  mac.root.write(
-      "/bin/quorvane-codesign",
-      "#!/bin/sh\necho $(ls /proc/self/fd) >$QUORVANE_ROOT/descriptors; exec sleep 60\n");
-  mac.sh("cd $QUORVANE_ROOT; chmod +x bin/*; mkdir sbin; cp " PROGRAMS_FOLDER
-         "/QuorvaneFanHelper sbin");
-  Process daemon("$QUORVANE_ROOT/sbin/QuorvaneFanHelper");
+  Process daemon(guardedBy("echo $(ls /proc/self/fd) >$QUORVANE_ROOT/descriptors; exec sleep 60",
+                           "QuorvaneFanHelper"));
   const std::string socket = mac.root.path("/run/quorvane/com.quorvane.fanhelper");
   test::await("socket", [&] { return std::filesystem::is_socket(socket); });
   const auto begin = std::chrono::steady_clock::now();
