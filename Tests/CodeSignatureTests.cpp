@@ -12,7 +12,6 @@
 #include "Support/TemporaryRoot.h"
 
 namespace quorvane::codesigning {
-namespace {
 
 using test::SigningIdentity;
 
@@ -187,5 +186,4 @@ TEST(Codesign, SignsAndSaysWhoHasSignedOrWhyNot) {
   }
 }
 
-}  // namespace
 }  // namespace quorvane::codesigning

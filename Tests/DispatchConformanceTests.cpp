@@ -10,7 +10,6 @@
 #include "Support/DispatchUnderTest.h"
 
 namespace quorvane::dispatchtest {
-namespace {
 
 using dispatch::OneShotTimer;
 using dispatch::Queue;
@@ -74,5 +73,4 @@ TEST_F(DispatchConformance, CancelledOnItsQueueADueTimerNeverFires) {
   EXPECT_EQ(waitFor("renewed"), "renewed");
 }
 
-}  // namespace
 }  // namespace quorvane::dispatchtest

@@ -11,7 +11,6 @@
 #include "Support/ScriptedSMC.h"
 
 namespace quorvane {
-namespace {
 
 using SMC = HelperSMC;
 using Bytes = std::vector<std::uint8_t>;
@@ -74,5 +73,4 @@ TEST(HelperSMC, Encodes) {
   }
 }
 
-}  // namespace
 }  // namespace quorvane

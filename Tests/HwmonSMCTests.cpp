@@ -9,7 +9,6 @@
 #include "Support/HwmonTree.h"
 
 namespace quorvane::hwmon {
-namespace {
 
 using enum smc::Command;
 constexpr auto intel = smc::typeFPE2, apple = smc::typeFLT, byte = smc::typeUI8;
@@ -23,7 +22,9 @@ struct KernelFolder : Folder {
     const std::string access = file + "=" + std::string(text);
     written += access + " ";
     if (const int error = std::exchange(errors[access], 0); error != 0) return error;
-    if (driverFlag != (text != "0")) driverFlag = smcIsManual = !driverFlag;
+    const bool isManual = text != "0";
+    if (driverFlag != isManual) smcIsManual = isManual;
+    driverFlag = isManual;
     return files->write(file, text);
   }
   const std::unique_ptr<Folder> files;
@@ -103,7 +104,7 @@ TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {
   const std::string folder = plantHwmon(root, "macsmc_hwmon", true, "9");
   plantHwmon(root, "applesmc", false, "10");
   // Forced by a helper that crashed, and the driver was loaded again.
-  KernelFolder::driverFlag = !(KernelFolder::smcIsManual = true);
+  KernelFolder::smcIsManual = true;
   EXPECT_EQ(setMode(0), "0 fan1_target=1400 fan1_target=0 automatic");
   EXPECT_EQ(setMode(0), "0 fan1_target=0 automatic");
   EXPECT_EQ(setMode(1), "0 fan1_target=1200 manual");
@@ -117,7 +118,8 @@ TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {
   root.write(folder + "fan1_max", "5900");
   KernelFolder::errors = {{"fan1_target=0", EIO}};
   EXPECT_EQ(setMode(0), "0 fan1_target=1200 fan1_target=0 fan1_target=0 automatic");
-  EXPECT_EQ(ask(write, "F0Tg", apple, 1e30) + ask(write, "F0Tg", apple, -1e30), 0);
+  EXPECT_EQ(ask(write, "F0Tg", apple, 1e30), 0);
+  EXPECT_EQ(ask(write, "F0Tg", apple, -1e30), 0);
   EXPECT_EQ(ask(write, "F0Tg", apple, NAN), 137);
   EXPECT_TRUE(KernelFolder::written.ends_with(" fan1_target=5900 fan1_target=1200 "));
   root.write(folder + "fan1_min", "0");
@@ -125,9 +127,8 @@ TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {
   EXPECT_EQ(setMode(0), "0 fan1_target=0 automatic");
   KernelFolder::errors = {{"fan1_target=2500", ETIMEDOUT}};
   EXPECT_EQ(ask(write, "F0Tg", apple, 2500), 183);
-  KernelFolder::smcIsManual = true;  // for the SMC had entered it, and only its answer was lost
+  KernelFolder::smcIsManual = true;  // only the SMC's answer was lost
   EXPECT_EQ(setMode(0), "0 fan1_target=1 fan1_target=0 automatic");
 }
 
-}  // namespace
 }  // namespace quorvane::hwmon

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 namespace quorvane::xpc {
-namespace {
 
 using namespace std::string_literals;
 
@@ -51,5 +50,4 @@ TEST(Messages, TheHelpersRequirementIsTheAgreedOne) {
             R"(certificate leaf[subject.OU] = "X4TQ8RW2ZN")");
 }
 
-}  // namespace
 }  // namespace quorvane::xpc

@@ -9,7 +9,6 @@
 #include "Support/TemporaryRoot.h"
 
 namespace quorvane {
-namespace {
 
 using namespace std::string_literals;
 const TemporaryRoot root;
@@ -59,5 +58,4 @@ TEST(Platform, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
   EXPECT_GT(open("/dev/null", O_RDONLY), STDERR_FILENO) << "no log line may land in a file";
 }
 
-}  // namespace
 }  // namespace quorvane

@@ -7,7 +7,6 @@
 #include "Support/SimulatedMac.h"
 
 namespace quorvane {
-namespace {
 
 const std::string started = "helper 1.0.0 started; model=Macmini9,1 fans=2\n";
 const std::string baseline = "F0Md=00 F1Md=00 ";
@@ -211,5 +210,4 @@ TEST(KillPoints, NobodyIsServedBeforeTheFansAreAutomatic) {
   EXPECT_EQ(mac.modes(), "00");
 }
 
-}  // namespace
 }  // namespace quorvane
