@@ -16,20 +16,24 @@ struct Processes : testing::Test {
 };
 
 TEST_F(Processes, ASessionOfTwoClientsUnderTheJournalsEyes) {
+  mac.root.write("/sys/class/dmi/id/product_name", "Mac\"\x1B\xFF\n");
   const auto daemon = mac.start("QuorvaneFanHelper 2>$QUORVANE_ROOT/log");
   mac.root.write("/sys/class/dmi/id/product_name", "read once");
   EXPECT_EQ(mac.sh("fanctl write F0Md 1"), "0:");
-  EXPECT_EQ(mac.batch("write\tF1Tg\t2500\tfloat\nwrite\t\t1\nwrite\tF0Md\t7\nstatus\nping\n"),
-            "true\nfalse\tRefused:  is not a fan-control key\nfalse\tBad mode value\n"
-            "version=1.0.0\tmodel=Macmini9,1\tsmcOpen=1\tfanCount=2\tforcedFans=0,1\tleaseSeconds="
-            "20\nok 1.0.0\n");
+  EXPECT_EQ(
+      mac.batch("write\tF1Tg\t2500\tfloat\nwrite\t\t1\nwrite\tF0Md\t7\nstatus\nping\n"),
+      "true\nfalse\tRefused:  is not a fan-control key\nfalse\tBad mode value\n"
+      "version=1.0.0\tmodel=Mac\"\x1B\uFFFD\tsmcOpen=1\tfanCount=2\tforcedFans=0,1\tleaseSeconds="
+      "20\nok 1.0.0\n");
+  EXPECT_EQ(mac.sh("fanctl status --json | cut -d , -f 2"),
+            "0:\"model\":\"Mac\\u0022\\u001b\uFFFD\"\n");
   for (const int ignored : {SIGHUP, SIGQUIT, SIGTSTP, SIGTTOU}) daemon->signal(ignored);
   EXPECT_EQ(mac.sh("fanctl write FNum 3").front(), '1');
   EXPECT_EQ(daemon->stop(SIGTERM), 0);
   EXPECT_EQ(mac.audited(),
-            started +
-                "write F0Md=1\nwrite F1Tg=2500\nREJECTED non-fan key \nREJECTED non-fan key FNum\n"
-                "restore → automatic (shutdown); fans=[0, 1]\n");
+            "helper 1.0.0 started; model=Mac\"\x1B\uFFFD fans=2\n"
+            "write F0Md=1\nwrite F1Tg=2500\nREJECTED non-fan key \nREJECTED non-fan key FNum\n"
+            "restore → automatic (shutdown); fans=[0, 1]\n");
   EXPECT_EQ(mac.root.read("/log"),
             "com.quorvane.app FanHelperMain: Fan helper listening on com.quorvane.fanhelper\n"
             "com.quorvane.app FanHelperMain: SIGTERM — restoring automatic fans and exiting\n");
@@ -37,19 +41,13 @@ TEST_F(Processes, ASessionOfTwoClientsUnderTheJournalsEyes) {
 }
 
 TEST_F(Processes, BothSignalsAtOnceRestoreOnce) {
-  mac.root.write("/sys/class/dmi/id/product_name", "Mac\"\x1B\xFF\n");
   const auto daemon = mac.start();
   mac.batch("write\tF1Md\t1\n");
-  EXPECT_EQ(mac.sh("fanctl status --json"),
-            "0:{\"version\":\"1.0.0\",\"model\":\"Mac\\u0022\\u001b\uFFFD\",\"smcOpen\":\"1\","
-            "\"fanCount\":\"2\",\"forcedFans\":\"1\",\"leaseSeconds\":\"20\"}\n");
   daemon->signal(SIGSTOP);
   daemon->signal(SIGINT);
   daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->stop(SIGCONT), 0);
-  EXPECT_EQ(mac.audited(),
-            "helper 1.0.0 started; model=Mac\"\x1B\uFFFD fans=2\nwrite F1Md=1\n"
-            "restore → automatic (shutdown); fans=[1]\n");
+  EXPECT_EQ(mac.audited(), started + "write F1Md=1\nrestore → automatic (shutdown); fans=[1]\n");
 }
 
 // The driver throws while it holds the hardware's file, and whoever needs that has to wait for it.
@@ -129,10 +127,7 @@ TEST_F(Processes, ProbeReadsAndWritesNothing) {
             "0:Fan    Actual    Target   Minimum   Maximum      Mode\n"
             "  0      1350      1350      1350      5900    forced\n"
             "  1      1400      1400      1400         -         -\n");
-  EXPECT_EQ(mac.sh("fanctl fans --json | cut -d '{' -f 3"),
-            "0:\"fan\":1,\"actual\":1400,\"target\":1400,\"minimum\":1400,\"maximum\":null,"
-            "\"mode\":null}]\n");
-  EXPECT_EQ(mac.sh("fanctl fans --json >/dev/full").front(), '1');
+  EXPECT_EQ(mac.sh("fanctl fans >/dev/full").front(), '1');
   EXPECT_EQ(mac.written(), "");
   EXPECT_FALSE(std::filesystem::exists(mac.root.path("/Library"))) << "no audit log either";
 }
