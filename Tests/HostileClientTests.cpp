@@ -18,30 +18,35 @@ using test::RawChannel;
 /// As many as are let in of one user, the one that runs the tests.
 const std::size_t everybody = geteuid() == 0 ? 32 : 8;
 
-/// Sends as many writes as may wait for a reply.
-void fill(const RawChannel& channel, const std::string& key, std::int64_t value) {
-  const std::string request = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{key, value, false});
-  for (int i = 0; i < xpc::maxOutstandingReplies; ++i) channel.send(request);
+std::string write(const std::string& key, std::int64_t value) {
+  return xpc::encodeRequest(1, xpc::WriteFanKeyRequest{key, value, false});
+}
+
+const std::string force = write("F0Md", 1);
+
+/// Forces fan 0, and then sends this request until as many wait for a reply as may.
+void fill(const RawChannel& channel, const std::string& request) {
+  channel.send(force);
+  for (int i = 1; i < xpc::maxOutstandingReplies; ++i) channel.send(request);
 }
 
 /// Forces fan 0 as often as it can until it is cut off.
 void flood() {
   const RawChannel channel;
   if (!channel.enter()) return;
-  fill(channel, "F0Md", 1);
-  const std::string force = xpc::encodeRequest(1, xpc::WriteFanKeyRequest{"F0Md", 1, false});
+  fill(channel, force);
   while (channel.receive()) channel.send(force);
 }
 
-/// All connections that are let in, each of which forces fan 0.
-std::vector<RawChannel> enterAsCrowd() {
+/// All connections that are let in, each of them filled.
+std::vector<RawChannel> enterAsCrowd(const std::string& request) {
   std::vector<RawChannel> crowd;
   test::await("place", [&crowd] {
     crowd = std::vector<RawChannel>(200);
     std::erase_if(crowd, [](const RawChannel& each) { return !each.enter(); });
     return !crowd.empty();
   });
-  for (const RawChannel& each : crowd) fill(each, "F0Md", 1);
+  for (const RawChannel& each : crowd) fill(each, request);
   return crowd;
 }
 
@@ -91,7 +96,7 @@ TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
   {
     const RawChannel left;
     ASSERT_TRUE(left.enter());
-    fill(left, "F0Tg", 0);
+    fill(left, write("F0Tg", 0));
     EXPECT_TRUE(test::sendLingering(left.socket.get()));
   }
   stopped.signal(SIGSTOP);
@@ -110,7 +115,7 @@ TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
 TEST_F(HostileClients, CrowdsAreBoundedAndLeaveARestoreItsDescriptors) {
   const std::string helper = guardedBy("", "QuorvaneFanHelper");
   auto daemon = mac.start(helper);
-  std::vector<RawChannel> crowd = enterAsCrowd();
+  std::vector<RawChannel> crowd = enterAsCrowd(force);
   EXPECT_EQ(crowd.size(), everybody);
   expectRestoreBySIGTERM(*daemon);
 
@@ -118,7 +123,7 @@ TEST_F(HostileClients, CrowdsAreBoundedAndLeaveARestoreItsDescriptors) {
   daemon = mac.start("prlimit --nofile=40 " + helper);
   for (const char* crowdNumber : {"first", "second"}) {
     crowd.clear();
-    crowd = enterAsCrowd();
+    crowd = enterAsCrowd(force);
     EXPECT_LT(crowd.size(), everybody) << crowdNumber;
   }
   expectRestoreBySIGTERM(*daemon);
@@ -153,6 +158,23 @@ TEST_F(HostileClients, AGatekeeperHasOnlyItsOwnAndEndsAtTheDeadline) {
   EXPECT_NEAR(taken.count(), 6.5, 2) << "less than the time that fanctl waits";
   EXPECT_EQ(mac.root.read("/descriptors"), "0 1 2 3\n") << "3 is the folder that ls reads";
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
+}
+
+// The driver does not answer the first request, so all others wait.
+TEST_F(HostileClients, WithEveryBoundFullTheGuardStaysSmall) {
+  const auto daemon = mac.start(guardedBy("", "QuorvaneFanHelper"));
+  std::optional<simulation::SMCFile> hardware(std::in_place);
+  ASSERT_EQ(mac.take(*hardware), 0);
+  const std::string longestKey(xpc::maxRequestSize - write("", 0).size(), 'k');
+  const std::vector<RawChannel> crowd = enterAsCrowd(write(longestKey, 0));
+  EXPECT_EQ(crowd.size(), everybody);
+  for (const RawChannel& each : crowd) EXPECT_TRUE(each.ping()) << "its requests are read";
+  const std::string status = "/proc/" + std::to_string(daemon->id()) + "/status";
+  const std::string kilobytes = test::shell("awk '/VmHWM/ { print $2 }' " + status);
+  RecordProperty("kilobytes", kilobytes);
+  EXPECT_LT(std::stol(kilobytes), MEMORY_BOUND);
+  hardware.reset();
+  expectRestoreBySIGTERM(*daemon);
 }
 
 // fanctl under other signatures: each is cut off before any operation.

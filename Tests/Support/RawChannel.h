@@ -19,17 +19,14 @@ namespace quorvane::test {
 struct RawChannel {
   /// To the helper's rendezvous, as another user if one is given; only root may be that.
   [[nodiscard]] bool connect(uid_t user = geteuid()) const {
+    const auto path = xpc::machServiceSocketPath(FanControlConstants::helperMachService);
+    const auto address = socketAddress(path).value();
     // Of this thread alone, which libc's own call does not do.
     const uid_t before = geteuid();
     syscall(SYS_setresuid, -1, user, -1);
-    const bool isConnected = connectAsWeAre();
+    const bool isConnected = ::connect(socket.get(), address.get(), address.size) == 0;
     syscall(SYS_setresuid, -1, before, -1);
     return isConnected;
-  }
-  [[nodiscard]] bool connectAsWeAre() const {
-    const auto path = xpc::machServiceSocketPath(FanControlConstants::helperMachService);
-    const auto address = socketAddress(path).value();
-    return ::connect(socket.get(), address.get(), address.size) == 0;
   }
   /// Connects, echoes the challenge and is answered a ping.
   [[nodiscard]] bool enter() const { return connect() && send(responseToChallenge()) && ping(); }
