@@ -104,7 +104,7 @@ TEST_F(Channel, AnythingUnexpectedEndsThatConnection) {
   while (patient.send(write(longestKey))) continue;  // until it is cut off: it reads no reply
 }
 
-TEST_F(Channel, MessagesComeFromThePeerAloneAndAlone) {
+TEST_F(Channel, MessagesOfOthersOrWithDescriptorsEndTheConnection) {
   RawChannel borrowed;
   ASSERT_TRUE(borrowed.connect());
   const std::string response = borrowed.responseToChallenge();

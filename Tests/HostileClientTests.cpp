@@ -1,5 +1,5 @@
-// Clients that mean ill or have bad luck, as processes against the real daemon: the unadmitted are
-// not served, and the admitted delay nobody.
+// Clients that mean ill or have bad luck, against the real daemon: it serves nobody that is not
+// admitted, and no client delays another one, a lease or a restore.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -15,7 +15,7 @@ namespace quorvane {
 
 using test::RawChannel;
 
-/// As many as are let in of one user, the one that runs the tests.
+/// The most connections that the user of this test may have.
 const std::size_t everybody = geteuid() == 0 ? 32 : 8;
 
 std::string write(const std::string& key, std::int64_t value) {
@@ -38,7 +38,7 @@ void flood() {
   while (channel.receive()) channel.send(force);
 }
 
-/// All connections that are let in, each of them filled.
+/// Enters as often as it is let in, and fills each connection.
 std::vector<RawChannel> enterAsCrowd(const std::string& request) {
   std::vector<RawChannel> crowd;
   test::await("place", [&crowd] {
@@ -51,8 +51,8 @@ std::vector<RawChannel> enterAsCrowd(const std::string& request) {
 }
 
 struct HostileClients : testing::Test {
-  /// The command of a daemon with a script for a gatekeeper. The empty one admits everybody, the
-  /// test itself too.
+  /// The command that starts the daemon with this script as its gatekeeper. The empty script admits
+  /// everybody, so also the connections of this test.
   std::string guardedBy(const std::string& script, const std::string& daemon) const {
     mac.root.write("/bin/quorvane-codesign", "#!/bin/sh\n" + script);
     const std::string copy = mac.root.prepare("/sbin/" + daemon);

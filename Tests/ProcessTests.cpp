@@ -15,7 +15,7 @@ struct Processes : testing::Test {
   SimulatedMac mac;
 };
 
-TEST_F(Processes, ASessionOfTwoClientsUnderTheJournalsEyes) {
+TEST_F(Processes, ASessionIsAuditedAndLoggedAndOtherSignalsAreIgnored) {
   mac.root.write("/sys/class/dmi/id/product_name", "Mac\"\x1B\xFF\n");
   const auto daemon = mac.start("QuorvaneFanHelper 2>$QUORVANE_ROOT/log");
   mac.root.write("/sys/class/dmi/id/product_name", "read once");

@@ -1,5 +1,5 @@
-// A client of the channel that may misbehave: it sends what it is told, as bytes, and reads what
-// comes. A wait for what never comes is ended by the test's time limit. Used from one thread.
+// A client of the channel that may misbehave: it sends any bytes, and reads what comes. If nothing
+// comes, the time limit of the test ends the wait. Used from one thread.
 #pragma once
 
 #include <sys/socket.h>

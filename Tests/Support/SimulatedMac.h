@@ -1,6 +1,6 @@
 // A whole machine for real processes: a system root with a simulated SMC, a model name, a trusted
-// signer and a signed fanctl; and the daemon on it. Commands are the shell's, with the machine's
-// programs in the path.
+// signer and a signed fanctl, and the daemon in it. A command is one of the shell, with the
+// machine's programs in its path.
 #pragma once
 
 #include <sys/prctl.h>

@@ -1,9 +1,9 @@
-// What may befall a daemon, between it and the calls that it makes: a test build of it has these in
-// their place, by the linker's --wrap. The process is killed where the environment variable
-// KILL_POINT says, at an even number before a call of the driver and at an odd one after it,
-// counted from 0. Files in the root do the rest: while there is "clock-set-back", the wall clock
-// shows an hour ago; "no-memory" lets the driver throw once, while it has the hardware to
-// itself; "stop-early" lets SIGTERM come once, as soon as a thread blocks it.
+// Faults between a daemon and the calls that it makes. The linker's --wrap puts these functions
+// into a test build of the daemon. The environment variable KILL_POINT says where the process is
+// killed: an even number means before a call of the driver, an odd one after it, counted from 0.
+// Files in the root cause the other faults. While "clock-set-back" exists, the wall clock is an
+// hour late. "no-memory" makes the driver throw once while it holds the hardware. "stop-early"
+// raises SIGTERM once, as soon as a thread blocks it.
 #include <IOKit/IOKitLib.h>
 #include <signal.h>
 #include <sys/socket.h>
