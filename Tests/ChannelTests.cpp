@@ -174,7 +174,7 @@ TEST_F(Channel, PlacesAreBoundedForEachUserAndInAll) {
       }
       EXPECT_FALSE(isChallenged(RawChannel(), user)) << user;
     };
-    for (const uid_t user : {1, 2, 3}) takePlacesOf(user);
+    for (const uid_t user : {1U, 2U, 3U}) takePlacesOf(user);
     EXPECT_FALSE(isChallenged(RawChannel(), 4)) << "the rest is root's";
     takePlacesOf(0);
   }
