@@ -45,6 +45,9 @@ TEST(AuditLog, LosesOnlyTheLineThatItCannotWrite) {
   mkfifo(root.prepare(path).c_str(), 0600);
   audit("lost, and nobody waits for a reader");
   std::filesystem::remove(root.path(path));
+  std::filesystem::create_symlink("/dev/full", root.path(path));
+  audit("lost on a full disk");
+  std::filesystem::remove(root.path(path));
   audit("kept");
   EXPECT_TRUE(root.read(path).ends_with("Z  kept\n"));
 }
