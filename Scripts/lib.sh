@@ -37,6 +37,9 @@ wait_until() {
 # team_of BUILD_FOLDER: whose certificates what was built there accepts.
 team_of() { sed -n 's/^QUORVANE_TEAM_ID:STRING=//p' "$1/CMakeCache.txt"; }
 
+# The project's version, which stands in the CMakeLists.txt beside this folder and nowhere else.
+project_version() { sed -nE 's/^project\(.* VERSION ([0-9.]+) .*/\1/p' "${script%/*}/../CMakeLists.txt"; }
+
 # What to put in front of a program with clang 14's sanitizers: they cannot place their shadow memory under a kernel that
 # randomises addresses by more than 28 bits.
 unrandomised=()

@@ -90,7 +90,7 @@ class FanHelperService final : public FanControlXPC,
   std::optional<dispatch::OneShotTimer> hardCap;
   bool smcOpen = false;
   std::set<std::int64_t> forcedFans;
-  const std::string version = "1.0.0";
+  const std::string version = QUORVANE_VERSION;
 };
 
 }  // namespace quorvane
