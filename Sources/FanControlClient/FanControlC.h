@@ -10,6 +10,7 @@
 extern "C" {
 #endif
 #pragma GCC visibility push(default)
+/* NOLINTBEGIN(readability-identifier-naming): the names of C */
 
 typedef enum quorvane_result {
   QUORVANE_DONE = 0,
@@ -72,6 +73,7 @@ quorvane_result quorvane_keeper_hold(quorvane_keeper* keeper, int fan, int64_t r
 /* Asks to put one fan into automatic mode; returns as hold does. */
 quorvane_result quorvane_keeper_release(quorvane_keeper* keeper, int fan);
 
+/* NOLINTEND(readability-identifier-naming) */
 #pragma GCC visibility pop
 #if defined(__cplusplus)
 }
