@@ -110,7 +110,7 @@ ExitStatus show(const Reply& reply, bool asJSON) {
   StatusReport report = std::get<StatusReport>(*reply);
   std::string lines;
   for (auto& [key, value] : report) {
-    lines += key + ": " + value + "\n";
+    lines.append(key).append(": ").append(value).append("\n");
     value = quote(value);
   }
   return print(asJSON ? object(report) + "\n" : lines);
@@ -205,8 +205,9 @@ ExitStatus run(int argc, char* argv[]) {
   operands.insert(operands.end(), argv + std::min(optind, argc), argv + argc);
   if (operands.empty()) return reportBadUsage(operands);
   const bool isFans = operands[0] == "fans" && operands.size() == 1;
-  if (asJSON && !isFans && operands[0] != "status")
+  if (asJSON && !isFans && operands[0] != "status") {
     return complain(badUsage, "--json is for status and fans");
+  }
   return isFans ? showFans(asJSON) : ask(operands, asJSON);
 }
 
