@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What several scripts share. They source it before they change the folder. Bash 3.2 understands it.
+# The functions that several scripts share. A script sources this file before it changes its folder. Bash 3.2 suffices.
 # shellcheck disable=SC2034,SC2154  # variables of this file and of theirs
 
 case $0 in
@@ -7,7 +7,7 @@ case $0 in
   *) script=$PWD/$0 ;;
 esac
 
-# Ends the script with the comment that opens it.
+# Prints the comment that opens the script, and ends the script.
 usage() {
   awk 'NR > 1 { if (!/^#/) exit; sub(/^# ?/, ""); print }' "$script" >&2
   exit 2
@@ -18,29 +18,29 @@ fail() {
   exit 1
 }
 
-# quietly COMMAND ...: what it said, which goes to the file $log, is shown only if it failed; and then the script ends.
+# quietly COMMAND ...: writes the output to the file $log. If the command fails, prints the output and ends the script.
 quietly() { "$@" >"$log" 2>&1 || { cat "$log" >&2; exit 1; }; }
 
 show() { printf '$ %s\n' "$*"; "$@"; }
 
-# wait_until COMMAND ...: until it succeeds, five seconds at most.
+# wait_until COMMAND ...: retries the command until it succeeds; fails after 100 attempts, which wait 0.05 s each.
 wait_until() {
   local _
   for _ in $(seq 100); do
     "$@" >/dev/null 2>&1 && return
     sleep 0.05
   done
-  echo "Waited in vain for: $*" >&2
+  echo "Timed out waiting for: $*" >&2
   return 1
 }
 
-# team_of BUILD_FOLDER: whose certificates what was built there accepts.
+# team_of BUILD_FOLDER: prints the team whose certificates the programs of that build accept.
 team_of() { sed -n 's/^QUORVANE_TEAM_ID:STRING=//p' "$1/CMakeCache.txt"; }
 
-# The project's version, which stands in the CMakeLists.txt beside this folder and nowhere else.
+# Prints the project's version. Only the CMakeLists.txt beside this folder sets it.
 project_version() { sed -nE 's/^project\(.* VERSION ([0-9.]+) .*/\1/p' "${script%/*}/../CMakeLists.txt"; }
 
-# What to put in front of a program with clang 14's sanitizers: they cannot place their shadow memory under a kernel that
-# randomises addresses by more than 28 bits.
+# The prefix of a command with clang 14's sanitizers: their shadow memory does not fit if the kernel randomises addresses by
+# more than 28 bits.
 unrandomised=()
 if setarch "$(uname -m)" -R true 2>/dev/null; then unrandomised=(setarch "$(uname -m)" -R); fi

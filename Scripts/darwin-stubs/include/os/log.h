@@ -1,4 +1,4 @@
-// The unified-log calls that the helper uses, declared after macOS's documentation. As there, a
+// The unified-log calls that the helper uses, declared from macOS's documentation. As there, a
 // message must be a literal and the compiler checks its arguments and their privacy annotations.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The Foundation classes that the helper, its client and their test use, declared after macOS's
+// The Foundation classes that the helper, its client and their test use, declared from macOS's
 // documentation.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The IOKit calls that the helper uses, declared after macOS's documentation.
+// The IOKit calls that the helper uses, declared from macOS's documentation.
 #pragma once
 
 #include <mach/mach.h>
