@@ -3,8 +3,7 @@
 #include <os/log.h>
 #include <sys/sysctl.h>
 
-#include <algorithm>
-#include <string_view>
+#include <cstring>
 
 os_log_t os_log_create(const char* /*subsystem*/, const char* /*category*/) {
   return nullptr;
@@ -19,8 +18,8 @@ bool os_log_type_enabled(os_log_t /*log*/, os_log_type_t /*type*/) {
 void quorvane_os_log(os_log_t /*log*/, os_log_type_t /*type*/, const char* /*format*/, ...) {}
 
 int sysctlbyname(const char* /*name*/, void* oldp, size_t* oldlenp, void*, size_t) {
-  constexpr std::string_view value("Mac14,2\0", 8);
-  if (oldp != nullptr) std::ranges::copy(value, static_cast<char*>(oldp));
-  *oldlenp = value.size();
+  constexpr char value[] = "Mac14,2";
+  if (oldp != nullptr) std::memcpy(oldp, value, sizeof value);
+  *oldlenp = sizeof value;
   return 0;
 }
