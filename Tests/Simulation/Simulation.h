@@ -4,7 +4,6 @@
 #pragma once
 
 #include <limits>
-#include <memory>
 
 #include "QuorvaneFanHelper/FanHelperService.h"
 #include "Simulation/World.h"
@@ -16,33 +15,21 @@ class Simulation {
   using Kind = Request::Kind;
 
   Simulation(std::uint64_t seed, Coverage& coverage)
-      : world(seed, coverage), model(world.seen, coverage) {
-    virtualdispatch::reset();
-    model.keys = machine().keys;
-    for (auto count = 1 + world.below(4); count > 0; --count) {
-      const auto fan = world.below(world.oneIn(8) ? 10 : std::max<unsigned>(1, world.fanCount));
-      fans.push_back("F" + std::to_string(fan));
-    }
-  }
+      : world(seed, coverage), model(world.seen, coverage) {}
   ~Simulation() { endProcess(); }
 
-  /// Throws Mismatch.
-  void run() {
+  /// The time that went by in it. Throws Mismatch.
+  Time run() {
     startProcess();
     for (auto steps = 500 + world.below(1000); steps > 0; --steps) step();
     world.startPhase(/*calm=*/true);
-    settle();
-    idle(20s);
-    require(virtualdispatch::deadlines().empty(), "no timer past the last lease", "one");
-    isOver = true;
-    settle();
+    settle(/*shutdown=*/true);
     for (const auto& [name, record] : machine().keys) {
       const bool isMode = name.ends_with("Md") && record[28] >= 1 && record[28] <= 32;
       require(!isMode || record[47U + record[28]] == 0, "automatic fans at rest", name);
     }
+    return model.now;
   }
-
-  [[nodiscard]] Time simulated() const { return model.now; }
 
   World world;
 
@@ -51,15 +38,14 @@ class Simulation {
     if (stepsOfPhase == 0) startPhase();
     --stepsOfPhase;
     for (auto left = world.isCalm ? 1 : 1 + world.below(4); left > 0; --left) {
-      act(world.isCalm ? fans.front() : fans[world.below(fans.size())]);
+      act("F" + std::to_string(world.isCalm ? 0 : world.below(world.fanCount)));
       if (world.happens("suspended with work in line", 3)) jump(world.pause(longestPause));
     }
-    world.changeMachine();
-    isOver = world.happens("signal", 50);
-    settle();
+    world.changeFanCount();
+    settle(world.happens("signal", 50));
     const auto due = model.deadlines();
     if (!due.empty() && world.happens("suspended past a deadline", 3)) {
-      jump(world.pick({due.front(), due.back()}) - model.now - world.pick({0ns, 1ns}));
+      jump(world.pick({due.front(), due.back()}) - world.pick({0ns, 1ns}));
     } else {
       idle(world.pause(world.happens("long idle", 200) ? 3'600'000 : longestPause));
     }
@@ -77,7 +63,7 @@ class Simulation {
     if (world.happens("talks nonsense", 3)) {
       submit(drawNonsense());
     } else if (world.happens("asks", 3)) {
-      submit({world.pick({Kind::status, Kind::ping})});
+      submit({Kind::status});
     } else if (world.happens("releases", 3)) {
       submit({Kind::write, fan + "Md", 0});
     } else if (world.happens("restores", 3)) {
@@ -100,13 +86,10 @@ class Simulation {
     return odd;
   }
 
-  void submit(Request request) {
-    request.id = ++requests;
-    const auto& [kind, key, value, isFloat, id] = request;
-    world.note("request " + std::to_string(id) + " " + key + "=" + std::to_string(value));
-    const auto reply = [this, number = std::to_string(id)](const std::string& answer) {
-      world.saw({.text = "reply " + number + " " + answer});
-    };
+  void submit(const Request& request) {
+    const auto& [kind, key, value, isFloat] = request;
+    world.note("request " + key + "=" + std::to_string(value));
+    const auto reply = [this](const std::string& answer) { world.saw({"reply " + answer}); };
     const auto outcome = [reply](bool good, const std::optional<std::string>& message) {
       reply((good ? "true" : "false") + (message ? " " + *message : ""));
     };
@@ -118,42 +101,38 @@ class Simulation {
     if (kind == Kind::write) service->writeFanKey(key, value, isFloat, outcome);
     if (kind == Kind::restore) service->restoreAuto(outcome);
     if (kind == Kind::status) service->status(report);
-    if (kind == Kind::ping) service->ping(reply);
     model.submit(request);
   }
   void jump(Time span) {
-    if (span <= 0ns) return;
-    world.note("asleep for " + std::to_string(span.count()));
+    world.note("asleep until " + std::to_string((model.now + span).count()));
     virtualdispatch::elapse(span);
     model.pass(span);
   }
   void idle(Time span) {
     const Time end = model.now + span;
     while (model.now < end) {
-      const auto due = model.deadlines();
-      jump((due.empty() ? end : std::min(end, due.front())) - model.now);
+      auto due = model.deadlines();
+      due.push_back(end - model.now);
+      jump(std::ranges::min(due));
       settle();
     }
   }
 
-  /// Everything in line is done; a process that has ended is followed by another.
-  void settle() {
-    runAndCompare();
-    if (!world.isDead && !isOver) {
-      submit({Kind::status});
-      runAndCompare();
-    }
-    if (world.isDead || isOver) restart();
-  }
-  void restart() {
-    if (!world.isDead) {  // nothing more, though the process may take a while to end
+  /// Everything in line is done, and behind it the shutdown if one is asked for; a process that has
+  /// ended is followed by another.
+  void settle(bool shutdown = false) {
+    submit({Kind::status});
+    if (shutdown) model.shutDown();
+    runAndCompare([this, shutdown] {
+      if (shutdown) service->shutdownReleasing();
+    });
+    if (shutdown && !world.isDead) {  // nothing more, though the process may take a while to end
       submit({Kind::write, "F0Md", 1});
       jump(1800s);
-      runAndCompare();
+      runAndCompare([] {});
     }
-    const std::weak_ptr<FanHelperService> last = service;
+    if (!shutdown && !world.isDead) return;
     endProcess();
-    require(last.expired(), "no service outlives its process", "a timer keeps it");
     jump(world.pause(100'000));
     startProcess();
   }
@@ -161,48 +140,36 @@ class Simulation {
     while (world.isDead) {
       const bool smcOpens = !world.happens("no SMC", 3);
       machine().openStatus = smcOpens ? KERN_SUCCESS : kIOReturnNotPrivileged;
-      isOver = false;
       world.note("process starts");
       world.isDead = false;
       service = std::make_shared<FanHelperService>();
-      try {
-        service->startup();
-        virtualdispatch::runUntilIdle();
-      } catch (const ProcessDied&) {
-      }
       model.start(smcOpens);
+      runAndCompare([this] { service->startup(); });
       if (world.isDead) endProcess();
     }
   }
   void endProcess() {
     world.isDead = true;
     service.reset();
-    virtualdispatch::drain();
+    virtualdispatch::reset();
   }
 
-  void runAndCompare() {
+  /// The event, and then everything in line.
+  void runAndCompare(const std::function<void()>& event) {
     try {
-      if (isOver && model.isAlive) service->shutdownReleasing();
+      event();
       virtualdispatch::runUntilIdle();
-    } catch (const ProcessDied&) {
+    } catch (const Died&) {
     }
-    model.run(isOver);
-    require(model.isAlive == !(world.isDead || isOver), "the same end", "another");
-    for (const auto& [name, record] : machine().keys) {
-      require(name == "FNum" || record == model.keys.at(name), "another value", "this of " + name);
-    }
-    if (world.isDead) return;
-    require(virtualdispatch::deadlines() == model.deadlines(), "other timers", "these");
+    model.run();
+    require(world.isDead || virtualdispatch::deadlines() == model.deadlines(), "its timers",
+            "others");
   }
 
   Model model;
-  /// That the clients care for; the first client is alone in calm phases.
-  std::vector<std::string> fans;
   int stepsOfPhase = 0;
-  int requests = 0;
   unsigned longestPause = 0;  // in milliseconds
   std::shared_ptr<FanHelperService> service;
-  bool isOver = false;  // asked to end, and so it did
 };
 
 }  // namespace quorvane::simulation
