@@ -1,5 +1,4 @@
-// What the helper and its companions have to agree on: the bytes between them, and the texts that
-// installed ones and their signatures depend on, spelt out whole.
+// The bytes between the helper and its companions.
 #include "Platform/Linux/Channel/Messages.h"
 
 #include <gtest/gtest.h>
@@ -41,13 +40,6 @@ TEST(Messages, MalformedOnesAreNone) {
   EXPECT_TRUE(statusOf("\x01\x01\0k\x01\0v"s));
   EXPECT_FALSE(statusOf("\x02\x01\0k\x01\0v\x01\0k\x01\0v"s)) << "duplicate key";
   EXPECT_FALSE(statusOf("\xFF\x01\0k\x01\0v"s)) << "more than there are bytes for";
-}
-
-// HostileClients.NobodyUnadmittedIsServed has the one of the app.
-TEST(Messages, TheHelpersRequirementIsTheAgreedOne) {
-  EXPECT_EQ(FanControlConstants::helperCodeRequirement,
-            R"(identifier "com.quorvane.fanhelper" and anchor apple generic and )"
-            R"(certificate leaf[subject.OU] = "X4TQ8RW2ZN")");
 }
 
 }  // namespace quorvane::xpc
