@@ -2,6 +2,7 @@
 // Scripts/bench builds it and runs it on one processor.
 //
 // usage: bench [--quick] [GROUP ...]
+#include <algorithm>
 #include <cstdio>
 
 #include "Bench.h"

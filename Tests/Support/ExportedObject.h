@@ -1,5 +1,5 @@
-// An exported object for tests of what is between a client and the helper. It answers on the
-// connection's thread, but a write of the key "held" only when the test says so.
+// A helper for tests of what is between it and its clients: the exported object and the delegate.
+// It answers on the connection's thread, but a write of the key "held" only when the test says so.
 #pragma once
 
 #include <atomic>
@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "QRVFanShared/FanControlXPC.h"
+#include "Platform/XPC.h"
 
 namespace quorvane {
 
@@ -18,7 +18,20 @@ inline std::string describe(const std::optional<Outcome>& outcome) {
   return outcome->message ? success + " " + *outcome->message : success;
 }
 
-struct ExportedObject : FanControlXPC {
+/// What the delegate leaves out of its consent to a connection.
+enum class Missing { nothing, requirement, resume, consent };
+
+struct ExportedObject final : FanControlXPC,
+                              xpc::ListenerDelegate,
+                              std::enable_shared_from_this<ExportedObject> {
+  bool shouldAcceptNewConnection(xpc::Connection& connection) override {
+    connection.setExportedInterface(xpc::Interface::fanControl);
+    connection.setExportedObject(shared_from_this());
+    if (missing != Missing::requirement) connection.setCodeSigningRequirement(requirement);
+    if (missing != Missing::resume) connection.resume();
+    return missing != Missing::consent;
+  }
+
   void writeFanKey(std::string key, std::int64_t value, bool isFloat, OutcomeReply reply) override {
     const std::lock_guard lock(mutex);
     ++writes;
@@ -27,17 +40,16 @@ struct ExportedObject : FanControlXPC {
   }
   void restoreAuto(OutcomeReply reply) override { reply(true, std::nullopt); }
   void status(StatusReply reply) override { reply({{"b", "\u20AC"}, {"a", ""}}); }
-  void ping(PingReply reply) override {
-    ++pings;
-    reply("ok");
-  }
+  void ping(PingReply reply) override { reply("ok"); }
 
   void answerHeld() {
     const std::lock_guard lock(mutex);
     for (const OutcomeReply& reply : std::exchange(held, {})) reply(true, std::nullopt);
   }
 
-  std::atomic<int> writes = 0, pings = 0;
+  std::string requirement;  // on the clients; to be set before the first one comes
+  std::atomic<Missing> missing = Missing::nothing;
+  std::atomic<int> writes = 0;
 
  private:
   std::mutex mutex;

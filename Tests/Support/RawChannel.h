@@ -2,12 +2,8 @@
 // comes, the time limit of the test ends the wait. Used from one thread.
 #pragma once
 
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#include <optional>
-#include <string>
 
 #include "Platform/File.h"
 #include "Platform/Linux/Channel/Messages.h"
@@ -15,6 +11,11 @@
 #include "Platform/Linux/Socket.h"
 
 namespace quorvane::test {
+
+inline std::string writeRequest(const std::string& key, std::int64_t value) {
+  return xpc::encodeRequest(1, xpc::WriteFanKeyRequest{key, value, false});
+}
+inline const std::string longestKey(xpc::maxRequestSize - writeRequest("", 0).size(), 'k');
 
 struct RawChannel {
   /// To the helper's rendezvous, as another user if one is given; only root may be that.
@@ -29,7 +30,9 @@ struct RawChannel {
     return isConnected;
   }
   /// Connects, echoes the challenge and is answered a ping.
-  [[nodiscard]] bool enter() const { return connect() && send(responseToChallenge()) && ping(); }
+  [[nodiscard]] bool enter(uid_t user = geteuid()) const {
+    return connect(user) && send(responseToChallenge()) && ping();
+  }
 
   /// False once cut off.
   bool send(std::string_view message) const {

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <memory>
@@ -19,7 +18,7 @@
 
 namespace quorvane {
 
-/// A process's exit status, or 128 and the number of the signal that ended it.
+/// Of what waitpid(2) says: the exit status, or 128 and the number of the signal that ended it.
 inline int exitStatus(int status) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
@@ -46,11 +45,6 @@ class Process {
 
   [[nodiscard]] pid_t id() const { return child; }
   void signal(int number) const { kill(child, number); }
-  [[nodiscard]] bool isRunning() const {
-    siginfo_t ending{};
-    const id_t id = static_cast<id_t>(child);
-    return waitid(P_PID, id, &ending, WEXITED | WNOHANG | WNOWAIT) == 0 && ending.si_pid == 0;
-  }
   /// Sends a signal, or none for 0, and waits for the end. Its exit status.
   int stop(int number) {
     signal(number);
@@ -72,7 +66,9 @@ class SimulatedMac {
     sh("smcsim create");
     root.write("/var/lib/quorvane/smc.trace", "");
     trusted.installAnchor(root.path(""));
-    install("fanctl");
+    const std::string companion = root.prepare("/bin/fanctl");
+    std::filesystem::copy(PROGRAMS_FOLDER "/fanctl", companion);
+    trusted.issue().signExecutable(companion, "com.quorvane.app");
   }
 
   /// Runs a command to its end. Its status, a colon and what it wrote: "0:ok 1.0.0\n".
@@ -85,61 +81,39 @@ class SimulatedMac {
     root.write("/batch", lines);
     return sh("fanctl batch <$QUORVANE_ROOT/batch").substr(2);
   }
-  /// Copies one of our programs to where it can be signed as a companion, and signs it.
-  void install(const std::string& program) const {
-    const std::string copy = root.prepare("/bin/" + program);
-    std::filesystem::copy(PROGRAMS_FOLDER "/" + program, copy);
-    trusted.issue().signExecutable(copy, "com.quorvane.app");
-  }
-  /// Starts the daemon and returns once it answers, or has ended.
+  /// Starts the daemon and returns once it answers.
   std::unique_ptr<Process> start(const std::string& command = "QuorvaneFanHelper") const {
     auto daemon = std::make_unique<Process>(command);
-    test::await("answer of the daemon",
-                [&] { return !daemon->isRunning() || sh("fanctl ping").front() == '0'; });
+    test::await("answer of the daemon", [this] { return sh("fanctl ping").front() == '0'; });
     return daemon;
   }
 
   /// The messages of the audit log, one a line, without timestamps.
   std::string audited() const {
-    return sh("cut -b 23- <\"$QUORVANE_ROOT/Library/Application Support/Quorvane/fan-audit.log\"")
-        .substr(2);
+    return test::shell(
+        "cut -b 23- <\"$QUORVANE_ROOT/Library/Application Support/Quorvane/fan-audit.log\"");
   }
   /// The keys written to the SMC, with their data: "F0Md=00 F1Md=00 ".
   std::string written() const {
-    return sh("awk '/^write/ { printf \"%s=%s \", $2, $6 }' "
-              "$QUORVANE_ROOT/var/lib/quorvane/*.trace")
-        .substr(2);
-  }
-  void awaitWrites(std::ptrdiff_t count) const {
-    test::await(std::to_string(count) + " writes",
-                [&] { return std::ranges::count(written(), ' ') >= count; });
+    return test::shell(
+        "awk '/^write/ { printf \"%s=%s \", $2, $6 }' $QUORVANE_ROOT/var/lib/quorvane/*.trace");
   }
 
-  /// Takes the hardware for as long as the file lives, which holds up everybody else.
-  int take(simulation::SMCFile& file) const {
-    const std::string path(simulation::smcPath);
-    return file.open(root.path(path), simulation::SMCFile::Access::read);
+  /// Takes the hardware, which holds up everybody else, for as long as the result lives.
+  simulation::SMCFile takeHardware() const {
+    simulation::SMCFile hardware;
+    hardware.open(root.path(std::string(simulation::smcPath)), simulation::SMCFile::Access::read);
+    return hardware;
   }
   /// The modes of the two fans, as the hardware has them: "01" with fan 1 forced. And when, since
   /// boot, anything was written last.
   std::string modes(std::chrono::nanoseconds* lastWrite = nullptr) const {
-    simulation::SMCFile file;
-    take(file);
-    if (lastWrite != nullptr) *lastWrite = file.machine.changedAt;
-    const auto mode = [&](unsigned fan) {
-      return std::to_string(file.machine.find(simulation::fanKey(fan, "Md"))->data[0]);
+    simulation::SMCFile hardware = takeHardware();
+    if (lastWrite != nullptr) *lastWrite = hardware.machine.changedAt;
+    const auto mode = [&hardware](unsigned fan) {
+      return std::to_string(hardware.machine.find(simulation::fanKey(fan, "Md"))->data[0]);
     };
     return mode(0) + mode(1);
-  }
-  /// Waits until the modes change. The time from the last write before to that change.
-  double secondsToRestore() const {
-    const std::string forced = modes();
-    std::chrono::nanoseconds before{}, last{};
-    test::await("restore", [&] {
-      before = last;
-      return modes(&last) != forced;
-    });
-    return std::chrono::duration<double>(last - before).count();
   }
 
   TemporaryRoot root;

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 
 namespace quorvane {
@@ -15,8 +16,7 @@ namespace quorvane {
 class TemporaryRoot {
  public:
   TemporaryRoot() {
-    std::string pattern = std::filesystem::temp_directory_path() / "quorvane.XXXXXX";
-    folder = mkdtemp(pattern.data());
+    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no folder " + folder);
     std::filesystem::permissions(folder, std::filesystem::perms{0755});  // other users come in
     setenv("QUORVANE_ROOT", folder.c_str(), 1);
   }
@@ -46,7 +46,7 @@ class TemporaryRoot {
   }
 
  private:
-  std::string folder;
+  std::string folder = std::filesystem::temp_directory_path() / "quorvane.XXXXXX";
 };
 
 }  // namespace quorvane
