@@ -1,12 +1,10 @@
 // The whole channel in one process: the real listener, connections and client, real sockets and
 // threads. Only the exported object and the judgement on signatures are stand-ins.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/wait.h>
 
 #include "FanControlClient/FanControlClient.h"
 #include "Platform/Linux/Channel/Connection.h"
-#include "Platform/Linux/Channel/Discard.h"
 #include "Platform/Linux/Channel/Gatekeeper.h"
 #include "Support/Await.h"
 #include "Support/ExportedObject.h"
@@ -150,25 +148,6 @@ TEST_F(Channel, PlacesAreBoundedForEachUserAndInAll) {
   EXPECT_EQ(entered, maxAdmittedConnectionsOfOneUser);
   EXPECT_TRUE(RawChannel().enter(3));
   EXPECT_TRUE(RawChannel().enter(0));
-}
-
-// Of a TCP connection that lingers until its bytes are read (SO_LINGER, socket(7)).
-TEST(Discard, NeverWaitsForAClose) {
-  const Descriptor listening(socket(AF_INET, SOCK_STREAM, 0));
-  Descriptor sending(socket(AF_INET, SOCK_STREAM, 0));
-  sockaddr_in address{};
-  auto* const name = reinterpret_cast<sockaddr*>(&address);
-  socklen_t size = sizeof address;
-  listen(listening.get(), 1);  // at a port of the kernel's choice, see ip(7)
-  getsockname(listening.get(), name, &size);
-  ASSERT_EQ(connect(sending.get(), name, size), 0);
-  const std::string block(65536, 'x');
-  while (send(sending.get(), block.data(), block.size(), MSG_DONTWAIT) > 0) continue;
-  const linger aMinute{1, 60};
-  setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &aMinute, sizeof aMinute);
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_TRUE(discard(sending));
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
 }
 
 }  // namespace quorvane::xpc

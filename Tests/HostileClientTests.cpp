@@ -1,6 +1,9 @@
 // Clients that mean ill or have bad luck, against the real daemon: it serves nobody that is not
 // admitted, and no client delays another one, a lease or a restore.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <cstring>
 
 #include "Platform/Linux/Channel/Connection.h"
 #include "Support/RawChannel.h"
@@ -41,13 +44,38 @@ std::vector<RawChannel> enterAsCrowd(const std::string& request) {
   return crowd;
 }
 
+/// Leaves in the helper's end what takes a minute to close: a TCP connection whose close waits for
+/// a reader (SO_LINGER, socket(7)), with the socket that could accept it. False once cut off.
+bool leaveBehind(const RawChannel& channel) {
+  const Descriptor listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const Descriptor sending(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  auto* const name = reinterpret_cast<sockaddr*>(&address);
+  socklen_t size = sizeof address;
+  listen(listening.get(), 1);  // at a port of the kernel's choice, see ip(7)
+  getsockname(listening.get(), name, &size);
+  EXPECT_EQ(connect(sending.get(), name, size), 0);
+  std::string block(65536, 'x');
+  while (send(sending.get(), block.data(), block.size(), MSG_DONTWAIT) > 0) continue;
+  const linger aMinute{1, 60};
+  setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &aMinute, sizeof aMinute);
+
+  const int both[] = {sending.get(), listening.get()};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof both)] = {};
+  iovec data{block.data(), 1};
+  const msghdr message{nullptr, 0, &data, 1, control, sizeof control, 0};
+  *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof both), SOL_SOCKET, SCM_RIGHTS};
+  std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), both, sizeof both);
+  return sendmsg(channel.socket.get(), &message, MSG_NOSIGNAL) == 1;
+}
+
 struct HostileClients : testing::Test {
   /// The command that starts the daemon with this script as its gatekeeper. The empty script admits
   /// everybody, so also the connections of this test.
   std::string guardedBy(const std::string& script) const {
     mac.root.write("/bin/quorvane-codesign", "#!/bin/sh\n" + script);
     const std::string daemon = mac.root.prepare("/sbin/QuorvaneFanHelper");
-    mac.sh("chmod +x $QUORVANE_ROOT/bin/*; cp " PROGRAMS_FOLDER "/QuorvaneFanHelper " + daemon);
+    mac.sh("chmod +x $QUORVANE_ROOT/bin/*; cp " PROGRAMS_FOLDER "/UnluckyHelper " + daemon);
     return daemon;
   }
   void expectRestoreBySIGTERM(Process& daemon) const {
@@ -69,13 +97,20 @@ TEST_F(HostileClients, FloodsDelayNoPingAndEndWithTheRestore) {
   expectRestoreBySIGTERM(*daemon);
 }
 
-// Both fans are forced. One client is killed then, and another stops while it waits for replies.
-// Twenty real seconds.
+// Both fans are forced. One client is killed then, another stops while it waits for replies, and a
+// third leaves behind what takes a minute to close. Twenty real seconds.
 TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
   const auto daemon = mac.start(guardedBy("") + " 2>$QUORVANE_ROOT/log");
   const Process stopped(flood);
   Process dying("fanctl force 1 2500");
   test::await("forced fans", [this] { return mac.modes() == "11"; });
+  {
+    const RawChannel left;
+    ASSERT_TRUE(left.enter());
+    fill(left, test::writeRequest("F0Tg", 0));
+    EXPECT_TRUE(leaveBehind(left));  // for the thread that reads it
+    EXPECT_TRUE(leaveBehind(left));  // for the one that closes the socket
+  }
   stopped.signal(SIGSTOP);
   dying.stop(SIGKILL);
   std::chrono::nanoseconds lastForce{}, lastWrite{};
@@ -90,6 +125,20 @@ TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
       "lease expired — fail-safe\nrestore → automatic (lease expired); fans=[0, 1]\n"));
   EXPECT_NE(mac.root.read("/log").find("Fan lease expired — fail-safe restoring automatic\n"),
             std::string::npos);
+}
+
+// Four strangers of one user are in admission, and the others are refused.
+TEST_F(HostileClients, NobodyWaitsForWhatStrangersLeaveBehind) {
+  if (geteuid() != 0) GTEST_SKIP() << "takes another user";
+  const auto daemon = mac.start(guardedBy(""));
+  int left = 0;  // some attempts come too late
+  for (const RawChannel& each : std::vector<RawChannel>(20)) {
+    EXPECT_TRUE(each.connect(1));
+    if (leaveBehind(each)) ++left;
+  }
+  EXPECT_GT(left, 4);
+  EXPECT_EQ(mac.sh("timeout 5 fanctl auto").front(), '0');
+  EXPECT_EQ(daemon->stop(SIGTERM), 0);
 }
 
 // So few descriptors that a crowd could take them all.
