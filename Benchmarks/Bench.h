@@ -52,8 +52,6 @@ void print(const Figure& figure);
 
 /// A channel to the helper that has been admitted.
 test::RawChannel connect();
-/// All writes of a target renew the lease.
-std::string writeRequest(const std::string& key, std::int64_t value);
 /// Sends a request and waits for its reply.
 void call(const test::RawChannel& channel, const std::string& request);
 /// Makes that many requests with 64 of them under way, and waits for all replies.

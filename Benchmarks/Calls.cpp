@@ -45,10 +45,6 @@ test::RawChannel connect() {
   return channel;
 }
 
-std::string writeRequest(const std::string& key, std::int64_t value) {
-  return xpc::encodeRequest(1, xpc::WriteFanKeyRequest{key, value, false});
-}
-
 void call(const test::RawChannel& channel, const std::string& request) {
   channel.send(request);
   receive(channel);
@@ -66,7 +62,7 @@ void measureCalls(const Setting& setting) {
   const auto process = setting.mac.start(fastHelper);
   measureCall(setting, "ping", xpc::encodeRequest(1, xpc::PingRequest()), Work::echo, 1.10);
   measureCall(setting, "status", xpc::encodeRequest(1, xpc::StatusRequest()), Work::hop, 1.25);
-  measureCall(setting, "write", writeRequest("F0Tg", 2500), Work::hopAndLine, 1.20);
+  measureCall(setting, "write", test::writeRequest("F0Tg", 2500), Work::hopAndLine, 1.20);
 }
 
 void measurePipelines(const Setting& setting) {
@@ -77,7 +73,7 @@ void measurePipelines(const Setting& setting) {
   compare(setting, figure, Work::hopAndLine, setting.rounds(100),
           [](const test::RawChannel& channel, Samples& samples) {
             const auto start = Clock::now();
-            pipeline(channel, writeRequest("F0Tg", 2500), count);
+            pipeline(channel, test::writeRequest("F0Tg", 2500), count);
             samples.push_back(microsecondsSince(start) / count);
           });
 }

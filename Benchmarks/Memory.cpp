@@ -23,8 +23,8 @@ void measureMemory(const Setting& setting) {
   print({"most memory, one client", "MB", {kilobytes() / 1024}, {}, 4});
 
   // A manual period that is over must leave nothing behind that wakes.
-  call(channel, writeRequest("F0Tg", 2500));
-  call(channel, writeRequest("F0Md", 0));
+  call(channel, test::writeRequest("F0Tg", 2500));
+  call(channel, test::writeRequest("F0Md", 0));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // its threads go to sleep
   const std::chrono::seconds span(setting.isQuick ? 3 : 30);
   const double before = wakeups();
@@ -33,9 +33,9 @@ void measureMemory(const Setting& setting) {
   print({"wakeups in " + seconds + " s at rest", "", {wakeups() - before}, {}, 0});
 
   const int count = setting.isQuick ? 100'000 : 1'000'000;
-  pipeline(channel, writeRequest("F0Tg", 2500), count / 10);
+  pipeline(channel, test::writeRequest("F0Tg", 2500), count / 10);
   const double first = kilobytes();
-  pipeline(channel, writeRequest("F0Tg", 2500), count);
+  pipeline(channel, test::writeRequest("F0Tg", 2500), count);
   const std::string writes = std::to_string(count);
   print({"growth over " + writes + " writes", "kB", {kilobytes() - first}, {}, 64});
 }

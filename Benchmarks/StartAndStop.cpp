@@ -27,7 +27,8 @@ void measureStartAndStop(const Setting& setting) {
     const test::RawChannel channel = connect();
     connects.push_back(microsecondsSince(start));
 
-    for (char fan = '0'; fan <= '9'; ++fan) call(channel, writeRequest({'F', fan, 'M', 'd'}, 1));
+    for (char fan = '0'; fan <= '9'; ++fan)
+      call(channel, test::writeRequest({'F', fan, 'M', 'd'}, 1));
     start = Clock::now();
     if (process.stop(SIGTERM) != 0) throw std::runtime_error("the helper did not end well");
     stops.push_back(microsecondsSince(start));

@@ -54,10 +54,13 @@ TEST(HelperSMC, ProbeReadsNumbersByTheirTypesAndMarksWhatIsNone) {
 TEST(HelperSMC, Encodes) {
   using Row = std::tuple<double, std::uint32_t, std::int64_t, std::optional<Bytes>>;
   const Row rows[] = {
-      {0x1234, SMC::typeUI16, 2, Bytes{0x12, 0x34}}, {20000, SMC::typeFPE2, 2, Bytes{0xFF, 0xFF}},
-      {2500, SMC::typeFP2E, 0, Bytes{0x27, 0x10}},   {1.5, SMC::typeSP78, 2, Bytes{0x01, 0x80}},
-      {500, SMC::typeSP78, 2, Bytes{0x7F, 0xFF}},    {2.5, SMC::typeUI8, 1, Bytes{3}},
-      {300, SMC::typeUI8, 2, Bytes{0xFF}},           {1, SMC::typeUI8, 0, std::nullopt},
+      {0x1234, SMC::typeUI16, 2, Bytes{0x12, 0x34}},
+      {20000, SMC::typeFPE2, 2, Bytes{0xFF, 0xFF}},
+      {2500, SMC::typeFP2E, 0, Bytes{0x27, 0x10}},
+      {1.5, SMC::typeSP78, 2, Bytes{0x01, 0x80}},
+      {500, SMC::typeSP78, 2, Bytes{0x7F, 0xFF}},
+      {2.5, SMC::typeUI8, 1, Bytes{3}},
+      {1, SMC::typeUI8, 0, std::nullopt},
   };
   for (const auto& [number, type, size, bytes] : rows) {
     EXPECT_EQ(SMC::encode(number, type, size), bytes) << number << " " << type;

@@ -86,18 +86,9 @@ TEST_F(HwmonSMCTest, WritesOfTheOneKnownDeviceKeepWithinLimitsAndFailWithResults
   EXPECT_EQ(root.read(folder + "fan1_manual"), "0\n");
   root.write(folder + "fan1_manual", "2");
   EXPECT_EQ(ask(read, "F0Md", byte), 1) << "no mode";
-  const std::pair<int, int> failures[] = {
-      {EACCES, 134},    {EPERM, 134}, {EOPNOTSUPP, 134}, {EINVAL, 137},
-      {ETIMEDOUT, 183}, {EIO, 1},     {ENOENT, 132},     {ENODEV, kIOReturnNoDevice}};
-  for (const auto& [error, result] : failures) {
-    KernelFolder::errors = {{"fan1_output=2500", error}};
-    EXPECT_EQ(ask(write, "F0Tg", intel, 2500), result);
-  }
+  KernelFolder::errors = {{"fan1_output=2500", EACCES}};
+  EXPECT_EQ(ask(write, "F0Tg", intel, 2500), 134);
   EXPECT_EQ(ask(write, "F2Tg", intel, 2500), 132);
-  EXPECT_EQ(findDevice()->folder->write("fan3_manual", "1"), ENOENT);
-  unplug();
-  plantHwmon(root, "nct6775", false);  // takes its number
-  EXPECT_EQ(ask(write, "F0Tg", intel, 2500), kIOReturnNoDevice);
 }
 
 TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {

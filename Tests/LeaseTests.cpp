@@ -77,7 +77,6 @@ using Action = void (*)(Lease& lease);
 const Action hold0 = [](Lease& lease) { lease.hold(0, 2500); };
 const Action hold1 = [](Lease& lease) { lease.hold(1, 3000); };
 const Action slow0 = [](Lease& lease) { lease.hold(0, 9); };
-const Action release0 = [](Lease& lease) { lease.release(0); };
 const Action release1 = [](Lease& lease) { lease.release(1); };
 const Action takeBack = [](Lease&) { world.forced.clear(); };
 const Action cutOff = [](Lease&) { world.isConnected = false; };
@@ -110,7 +109,6 @@ TEST(Lease, HoldsFansForOnePeriodAndNeverAgainstTheWillOfAnother) {
             held +
                 "5 F0Tg=2500f, 7 F1Md=1, 7 F1Tg=3000f, 7 forced 1, 9 F1Md=0, 9 given 1, "
                 "10 F0Tg=2500f, ");
-  expectLog({{0s, hold0}, {2s, slow0}, {3s, end}}, held + "2 F0Tg=9f, ");
   expectLog({{0s, hold0}, {1795s, hold1}, {1900s, end}},
             "1785 F0Tg=2500f, 1795 F1Md=0, 1795 over 1, 1799 F0Md=0, 1799 over 0, ");
   expectLog({{0s, hold0}, {1900s, end}}, "1790 F0Tg=2500f, 1819 F0Md=0, 1819 over 0, ",
@@ -127,8 +125,6 @@ TEST(Lease, OutlivesItsConnectionAndItsHelper) {
   // A helper that restarts has taken its fans back.
   expectLog({{0s, hold0}, {6s, cutOff}, {6s, takeBack}, {20s, end}},
             held + "5 F0Tg=2500f, 10 unreachable 0, 10 taken 0, ");
-  expectLog({{0s, hold0}, {6s, cutOff}, {6s, takeBack}, {7s, release0}, {8s, hold0}},
-            "7 F0Md=0, 7 given 0, 8 F0Md=1, 8 F0Tg=2500f, 8 forced 0, ");
   expectLog({{0s, hold0}, {6s, leave}, {60s, end}}, "10 unreachable 0, 25 taken 0, ");
   expectLog({{0s, hold0}, {60s, end}}, "0 refused 0, ", {.isUp = false});
 }
