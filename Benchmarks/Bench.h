@@ -1,6 +1,6 @@
-// What the groups of figures share: calls over a channel, the floor that they are held against, the
-// clock and the table. The machine, its processes and the handshake are those of the tests. Used
-// from the main thread; the program has no other.
+// The shared parts of the benchmark groups: calls over a channel, the floor, the clock and the
+// table. The simulated machine, its processes and the handshake come from the tests. Used from the
+// main thread, the only thread of the program.
 #pragma once
 
 #include <chrono>
@@ -13,7 +13,7 @@
 
 namespace quorvane::bench {
 
-/// The helper as it is shipped, and the same on a driver that remembers nothing.
+/// The helper as shipped, and the helper with the driver of FastDriver.cpp.
 inline constexpr const char* helper = "QuorvaneFanHelper 2>/dev/null";
 inline constexpr const char* fastHelper = "QuorvaneFanHelperFast 2>/dev/null";
 
@@ -24,8 +24,8 @@ struct Setting {
   [[nodiscard]] int rounds(int count) const { return isQuick ? (count + 9) / 10 : count; }
 };
 
-/// Each measures one group and prints it. The helper and its floor take turns, so that noise hits
-/// both.
+/// Each function measures one group and prints it. The helper and its floor alternate, so noise
+/// affects both.
 void measureCalls(const Setting& setting);
 void measurePipelines(const Setting& setting);
 void measureMemory(const Setting& setting);
@@ -41,30 +41,30 @@ struct Figure {
   std::string what;
   std::string unit;
   Samples measured;
-  /// What the machine itself takes for the same; may be empty.
+  /// The samples of the machine without the helper; may be empty.
   Samples floor{};
-  /// The p50 should be at most this: its ratio to the floor's if there is a floor, else itself.
+  /// The largest p50 that meets the aim. With a floor: the largest ratio of the p50s.
   std::optional<double> aim{};
 };
 
 void printHeading();
 void print(const Figure& figure);
 
-/// A channel to the helper that has been admitted.
+/// Returns an admitted channel to the helper.
 test::RawChannel connect();
 /// Sends a request and waits for its reply.
 void call(const test::RawChannel& channel, const std::string& request);
-/// Makes that many requests with 64 of them under way, and waits for all replies.
+/// Sends `count` requests, with at most 64 outstanding, and waits for all replies.
 void pipeline(const test::RawChannel& channel, const std::string& request, int count);
 
-/// What a server has to do for the same service.
+/// The floor's work for one message.
 enum class Work {
   echo,        ///< receive with credentials, send
   hop,         ///< the same, sent by another thread
-  hopAndLine,  ///< which before appends a line to a file: open, seek, write, close
+  hopAndLine,  ///< as hop; that thread first appends a line to a file: open, seek, write, close
 };
 
-/// The least server: a process that echoes what it receives and does nothing else but its work.
+/// The smallest server: a process that does its work for each message and echoes it.
 struct Floor {
   Floor(const SimulatedMac& mac, Work work);
 

@@ -1,4 +1,4 @@
-// Calls one at a time, as a companion makes them, and many under way at once.
+// Single calls, as a companion makes them, and pipelined calls.
 #include "Bench.h"
 
 namespace quorvane::bench {
@@ -11,7 +11,7 @@ void receive(const test::RawChannel& channel) {
 
 using Measure = std::function<void(const test::RawChannel&, Samples&)>;
 
-/// Measures the helper and its floor in turns, after a round of each to warm up.
+/// Measures the helper and its floor alternately. The first round of each is the warm-up.
 void compare(const Setting& setting, Figure figure, Work work, int rounds, const Measure& measure) {
   const test::RawChannel channel = connect();
   const Floor floor(setting.mac, work);
@@ -68,7 +68,7 @@ void measureCalls(const Setting& setting) {
 void measurePipelines(const Setting& setting) {
   constexpr int count = 4000;
   const auto process = setting.mac.start(fastHelper);
-  // Three quarters of the floor's rate are four thirds of its time.
+  // Three quarters of the floor's rate is four thirds of its time.
   const Figure figure{"write, 64 under way", "us", {}, {}, 4.0 / 3};
   compare(setting, figure, Work::hopAndLine, setting.rounds(100),
           [](const test::RawChannel& channel, Samples& samples) {

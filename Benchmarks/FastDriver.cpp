@@ -1,5 +1,5 @@
-// A driver that remembers nothing, in the place of Drivers.cpp: what a call costs with it is the
-// helper's own. Ten fans; every write succeeds.
+// A driver without state that replaces Drivers.cpp: the cost of a call with it is the helper's own.
+// It reports ten fans, and every write succeeds.
 #include <cstdint>
 #include <cstring>
 
@@ -13,7 +13,7 @@ struct FastDriver final : UserClient {
                                  std::size_t inputSize, void* output,
                                  std::size_t* /*outputSize*/) override {
     std::memcpy(output, input, inputSize);
-    // A key's last letter comes first, size at 28, type at 32, command at 42, data at 48.
+    // The layout: key at 0, last letter first; size at 28, type at 32, command at 42, data at 48.
     auto* const record = static_cast<std::uint8_t*>(output);
     const bool isTarget = record[0] == 'g';
     if (record[42] == 5) record[48] = 10;

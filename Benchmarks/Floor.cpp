@@ -11,7 +11,7 @@
 namespace quorvane::bench {
 namespace {
 
-/// As long as the line of a target's renewal.
+/// The length of the audit line for a renewal of a target.
 constexpr std::string_view line = "2026-01-01T00:00:00Z  write F0Tg=2500\n";
 
 struct Message {
@@ -19,7 +19,7 @@ struct Message {
   ssize_t size = 0;
 };
 
-/// The process ends with its client.
+/// Receives a message with its credentials. Ends the process when the client is gone.
 Message receive(int socket) {
   Message message;
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control;
@@ -42,7 +42,7 @@ void appendLine(const std::string& path) {
   close(file);
 }
 
-/// From the thread that receives to the one that replies.
+/// Passes messages from the receiving thread to the replying thread.
 class Queue {
  public:
   void push(const Message& message) {
@@ -87,7 +87,7 @@ Floor::Floor(const SimulatedMac& mac, Work work) {
   const Descriptor served(ends[1]);
   const int on = 1;
   setsockopt(served.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-  const std::string file = "/Library/Application Support/Quorvane/floor.log";  // as the audit log
+  const std::string file = "/Library/Application Support/Quorvane/floor.log";  // by the audit log
   mac.root.write(file, "");
   server = std::make_unique<Process>([&] { serve(served.get(), work, mac.root.path(file)); });
 }

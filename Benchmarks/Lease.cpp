@@ -1,5 +1,5 @@
-// How late the lease expires: from the last write that the hardware was given to the restore, by
-// the clock of the hardware. That takes twenty real seconds, so several machines wait at once.
+// How late the lease expires: the time from the last write to the hardware until the restore, minus
+// the lease, by the hardware's clock. Each takes twenty real seconds, so the machines overlap.
 #include <deque>
 #include <thread>
 
@@ -31,7 +31,7 @@ struct Holder {
   std::chrono::nanoseconds written{};
 };
 
-/// Eight clients that ask for the status without a pause, for most of a second.
+/// The command that runs eight clients for 0.7 s. They request the status without a pause.
 std::string flood(const SimulatedMac& mac) {
   return "env QUORVANE_ROOT=" + mac.root.path("") +
          " timeout 0.7 sh -c 'for i in 1 2 3 4 5 6 7 8; " + "do yes status | " +
@@ -42,7 +42,7 @@ void measure(const std::string& what, int count, bool isFlooded, std::optional<d
   std::deque<Holder> holders;
   for (; count > 0; --count) {
     holders.emplace_back();
-    std::this_thread::sleep_for(1s);  // one expires after the other
+    std::this_thread::sleep_for(1s);  // the leases expire one after the other
   }
   Figure figure{what, "us", {}, {}, aim};
   for (const Holder& holder : holders) {

@@ -1,4 +1,4 @@
-// The helper at rest: what it holds, and that it does nothing.
+// The helper's memory, and its wakeups at rest.
 #include <thread>
 
 #include "Bench.h"
@@ -6,7 +6,7 @@
 namespace quorvane::bench {
 namespace {
 
-/// The sum of that field in files of proc(5).
+/// Returns the sum of a field over files of proc(5).
 double sumOf(const std::string& field, const Process& process, const std::string& files) {
   return std::stod(test::shell("awk '/" + field + "/ { sum += $2 } END { print sum }' /proc/" +
                                std::to_string(process.id()) + "/" + files));
@@ -17,12 +17,12 @@ double sumOf(const std::string& field, const Process& process, const std::string
 void measureMemory(const Setting& setting) {
   const auto process = setting.mac.start(helper);
   const auto kilobytes = [&process] { return sumOf("VmHWM", *process, "status"); };
-  // A thread that sleeps on adds nothing.
+  // A thread that stays asleep adds no context switch.
   const auto wakeups = [&process] { return sumOf("ctxt_switches", *process, "task/*/status"); };
   const test::RawChannel channel = connect();
   print({"most memory, one client", "MB", {kilobytes() / 1024}, {}, 4});
 
-  // A manual period that is over must leave nothing behind that wakes.
+  // A manual period that has ended must leave nothing that wakes the helper.
   call(channel, test::writeRequest("F0Tg", 2500));
   call(channel, test::writeRequest("F0Md", 0));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // its threads go to sleep

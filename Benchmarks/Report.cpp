@@ -11,13 +11,13 @@ namespace {
 using Row = std::array<std::string, 8>;
 
 void print(const Row& cells) {
-  constexpr int widths[] = {-32, -4, 6, 6, 9, 9, 5, -21};  // negative: to the left
+  constexpr int widths[] = {-32, -4, 6, 6, 9, 9, 5, -21};  // negative: left-aligned
   for (std::size_t i = 0; i < cells.size(); ++i) std::printf("| %*s ", widths[i], cells[i].c_str());
   std::printf("|\n");
   std::fflush(stdout);
 }
 
-/// Three digits that matter.
+/// Formats a value with at least three significant digits, but at most two decimals.
 std::string number(double value) {
   const int decimals = value == 0 || std::abs(value) >= 100 ? 0 : std::abs(value) >= 10 ? 1 : 2;
   char text[32];
@@ -25,7 +25,7 @@ std::string number(double value) {
   return text;
 }
 
-/// The value that this part of the samples, 0 to 1, does not exceed.
+/// Returns a percentile of the samples. `part` is 0 to 1.
 double percentile(Samples samples, double part) {
   std::ranges::sort(samples);
   return samples.at(static_cast<std::size_t>(part * static_cast<double>(samples.size() - 1)));

@@ -1,5 +1,5 @@
-// From exec until the helper listens, until a client has its first reply, and from SIGTERM until
-// the helper is gone.
+// The times from exec until the helper listens, from connect to the first reply, and from SIGTERM
+// to the helper's exit.
 #include <sys/stat.h>
 
 #include "Bench.h"

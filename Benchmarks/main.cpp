@@ -1,4 +1,4 @@
-// Measures the helper against what the machine itself takes, see Documentation/performance.md.
+// Measures the helper against the machine's floor, see Documentation/performance.md.
 // Scripts/bench builds it and runs it on one processor.
 //
 // usage: bench [--quick] [GROUP ...]
@@ -23,7 +23,7 @@ const Group groups[] = {{"calls", measureCalls},
                         {"start", measureStartAndStop},
                         {"lease", measureLease}};
 
-/// `names` are those of the groups to run; none for all.
+/// Runs the named groups, or all groups if `names` is empty.
 void run(bool isQuick, const std::vector<std::string>& names) {
   const SimulatedMac mac;
   mac.sh("smcsim create --fans 10; rm $QUORVANE_ROOT/var/lib/quorvane/smc.trace");
