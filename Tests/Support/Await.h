@@ -1,4 +1,4 @@
-// Waiting for what other threads and processes do: with a deadline and a message.
+// Waits for other threads and processes, with a deadline and a message.
 #pragma once
 
 #include <chrono>
@@ -8,7 +8,7 @@
 
 namespace quorvane::test {
 
-/// Asks again and again until the condition holds; throws when it still does not after a minute.
+/// Polls until the condition holds. Throws after a minute.
 template <class Condition>
 void await(const std::string& what, const Condition& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);

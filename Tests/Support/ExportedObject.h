@@ -1,5 +1,5 @@
-// A helper for tests of what is between it and its clients: the exported object and the delegate.
-// It answers on the connection's thread, but a write of the key "held" only when the test says so.
+// A fake helper for tests of the layers between the helper and its clients: the exported object and
+// the delegate. It replies on the connection's thread. A write of "held" waits for answerHeld().
 #pragma once
 
 #include <atomic>
@@ -11,14 +11,14 @@
 
 namespace quorvane {
 
-/// "true" or "false", and the message behind a space; "no reply" when there was none.
+/// Returns "true" or "false", then a space and the message if any; "no reply" for no outcome.
 inline std::string describe(const std::optional<Outcome>& outcome) {
   if (!outcome) return "no reply";
   const std::string success = outcome->success ? "true" : "false";
   return outcome->message ? success + " " + *outcome->message : success;
 }
 
-/// What the delegate leaves out of its consent to a connection.
+/// The step that the delegate omits when it accepts a connection.
 enum class Missing { nothing, requirement, resume, consent };
 
 struct ExportedObject final : FanControlXPC,
@@ -47,7 +47,7 @@ struct ExportedObject final : FanControlXPC,
     for (const OutcomeReply& reply : std::exchange(held, {})) reply(true, std::nullopt);
   }
 
-  std::string requirement;  // on the clients; to be set before the first one comes
+  std::string requirement;  // on the clients; set before the first one connects
   std::atomic<Missing> missing = Missing::nothing;
   std::atomic<int> writes = 0;
 

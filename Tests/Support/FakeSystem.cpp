@@ -1,5 +1,5 @@
-// Stands in for the unified log, which takes all and tells nobody, and for sysctl, which knows one
-// model.
+// Fakes of the unified log, which discards all messages, and of sysctlbyname, which always returns
+// the same model name.
 #include <os/log.h>
 #include <sys/sysctl.h>
 
@@ -9,12 +9,12 @@ os_log_t os_log_create(const char* /*subsystem*/, const char* /*category*/) {
   return nullptr;
 }
 
-/// What the macros of macOS ask first.
+/// The log macros of macOS call this first.
 bool os_log_type_enabled(os_log_t /*log*/, os_log_type_t /*type*/) {
   return false;
 }
 
-/// What those of Linux call.
+/// The log macros of Linux call this.
 void quorvane_os_log(os_log_t /*log*/, os_log_type_t /*type*/, const char* /*format*/, ...) {}
 
 int sysctlbyname(const char* /*name*/, void* oldp, size_t* oldlenp, void*, size_t) {

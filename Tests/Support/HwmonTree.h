@@ -1,13 +1,13 @@
-// A device of /sys/class/hwmon with two fans, as plain files below a TemporaryRoot, with the links
-// as the kernel has them.
+// A device of /sys/class/hwmon with two fans: plain files in a TemporaryRoot, with the kernel's
+// links between the folders.
 #pragma once
 
 #include "Support/TemporaryRoot.h"
 
 namespace quorvane {
 
-/// The files lie in the hwmon entry, as those of macsmc_hwmon and most others do, or else with the
-/// parent device, as those of applesmc. Yields their folder, a platform path.
+/// Creates the device. Its files are in the hwmon entry, as with macsmc_hwmon and most drivers, or
+/// in the parent device, as with applesmc. Returns their folder, a platform path.
 inline std::string plantHwmon(const TemporaryRoot& root, const std::string& name, bool inEntry,
                               const std::string& number = "1") {
   const std::string parent = "/devices/mac" + number, entry = parent + "/hwmon/hwmon" + number;

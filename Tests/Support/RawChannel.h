@@ -1,5 +1,5 @@
-// A client of the channel that may misbehave: it sends any bytes, and reads what comes. If nothing
-// comes, the time limit of the test ends the wait. Used from one thread.
+// A client of the channel that can misbehave: it sends any bytes and reads any message. Reads block
+// without a time limit of their own; the test's time limit ends them. Used from one thread.
 #pragma once
 
 #include <sys/syscall.h>
@@ -18,44 +18,44 @@ inline std::string writeRequest(const std::string& key, std::int64_t value) {
 inline const std::string longestKey(xpc::maxRequestSize - writeRequest("", 0).size(), 'k');
 
 struct RawChannel {
-  /// To the helper's rendezvous, as another user if one is given; only root may be that.
+  /// Connects to the helper's rendezvous as `user`. Only root can connect as another user.
   [[nodiscard]] bool connect(uid_t user = geteuid()) const {
     const auto path = xpc::machServiceSocketPath(FanControlConstants::helperMachService);
     const auto address = socketAddress(path).value();
-    // Of this thread alone, which libc's own call does not do.
+    // Changes this thread only; libc's own call changes all threads.
     const uid_t before = geteuid();
     syscall(SYS_setresuid, -1, user, -1);
     const bool isConnected = ::connect(socket.get(), address.get(), address.size) == 0;
     syscall(SYS_setresuid, -1, before, -1);
     return isConnected;
   }
-  /// Connects, echoes the challenge and is answered a ping.
+  /// Connects, echoes the challenge and pings. Returns whether the ping's reply came.
   [[nodiscard]] bool enter(uid_t user = geteuid()) const {
     return connect(user) && send(responseToChallenge()) && ping();
   }
 
-  /// False once cut off.
+  /// Returns false if the connection is cut off.
   bool send(std::string_view message) const {
     return ::send(socket.get(), message.data(), message.size(), MSG_NOSIGNAL) >= 0;
   }
-  /// The next message; nothing once cut off.
+  /// Returns the next message, or nothing if the connection is cut off.
   [[nodiscard]] std::optional<std::string> receive() const {
     std::string message(xpc::maxReplySize, '\0');
     const ssize_t size = recv(socket.get(), message.data(), message.size(), 0);
     if (size <= 0) return std::nullopt;
     return message.substr(0, static_cast<std::size_t>(size));
   }
-  /// Reads, and throws away, what comes before the end.
+  /// Reads and discards messages until the connection is cut off.
   void waitForCutOff() const {
     while (receive()) continue;
   }
 
-  /// The response that admits, once the challenge has come; empty when it does not.
+  /// Waits for the challenge. Returns the response to it, or an empty string if none came.
   [[nodiscard]] std::string responseToChallenge() const {
     const auto nonce = decodeNonce(xpc::MessageKind::challenge, receive().value_or(""));
     return nonce ? encodeNonce(xpc::MessageKind::response, *nonce) : "";
   }
-  /// Whether the answer of a ping, and just that, comes next.
+  /// Pings. Returns whether the next message is the ping's reply.
   [[nodiscard]] bool ping() const {
     send(xpc::encodeRequest(0, xpc::PingRequest()));
     return xpc::decodeReply<std::string>(receive().value_or(""), 0).has_value();

@@ -1,5 +1,5 @@
-// A machine for tests, behind the IOKit calls: keys as state, and failures on demand. One instance,
-// reset by each test; not for calls from several threads at once.
+// A fake SMC behind the IOKit calls: a table of keys, and failures on demand. The tests reset the
+// only instance. Not thread-safe.
 #pragma once
 
 #include <IOKit/IOKitLib.h>
@@ -25,18 +25,18 @@ struct ScriptedSMC {
     std::string key;  // the four characters of the key code
     Record request;
     kern_return_t status = KERN_SUCCESS;
-    std::size_t replySize = 80;  // the bytes that the reply is said to have
+    std::size_t replySize = 80;  // as reported to the caller
     Record reply{};              // byte 40 is the result
 
     [[nodiscard]] bool isWrite() const { return request[42] == 6; }
     [[nodiscard]] bool isGood() const { return status == KERN_SUCCESS && reply[40] == 0; }
   };
 
-  /// No keys, no failures; the services of a real machine.
+  /// Removes all keys and failures, and publishes the services of a real machine.
   void reset() { *this = {}; }
 
-  /// Names and types have four characters. `bytes`, at most 32, are the start of a read's data
-  /// area, zeros behind them; the size, at most 255, need not fit them.
+  /// Adds or replaces a key. `name` and `type` have four characters. A read returns `bytes`, at
+  /// most 32, padded with zeros. `size`, at most 255, need not match them.
   void addKey(const std::string& name, const std::string& type, std::uint32_t size,
               std::uint8_t attributes, const Bytes& bytes = {}) {
     Record& key = keys[name] = {};
@@ -47,7 +47,7 @@ struct ScriptedSMC {
   }
   void setFanCount(std::uint8_t count) { addKey("FNum", "ui8 ", 1, 0x80, {count}); }
 
-  /// Answers a call, which has no effect if its status or its result already is an error.
+  /// Answers a call. Has no effect on the keys if the call's status or result is an error.
   void answer(Call& call) {
     const auto key = keys.find(call.key);
     if (key == keys.end()) call.reply[40] = 132;
@@ -56,16 +56,16 @@ struct ScriptedSMC {
     call.reply = key->second;
   }
 
-  /// The AppleSMC services, in order; the name of an empty one cannot be read. Only one that is
-  /// named like the second can be opened, and answers so.
+  /// The names of the AppleSMC services, in order. An empty string means that the name cannot be
+  /// read. Opening an AppleSMCKeysEndpoint returns openStatus; all others are not privileged.
   std::vector<std::string> serviceNames = {"AppleSMCSensorEndpoint", "AppleSMCKeysEndpoint"};
   kern_return_t openStatus = KERN_SUCCESS;
 
-  /// Gets each call, and answers it or fails it. What it throws passes through the driver, as for a
-  /// process that dies.
+  /// Answers or fails each call. Its exceptions pass through the driver, to simulate the death of
+  /// the process.
   std::function<void(Call&)> serve = [](Call& call) { machine().answer(call); };
 
-  /// What a good reply looks like, by key name.
+  /// The successful replies, by key name.
   std::map<std::string, Record> keys;
 };
 

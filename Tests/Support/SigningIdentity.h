@@ -1,5 +1,5 @@
-// Identities to sign with, made by the openssl command: good ones, and ones with a chosen fault.
-// Their files lie in the TemporaryRoot of the moment and go with it.
+// Signing identities, made by the openssl command: valid ones, and ones with a chosen fault. Their
+// files are in the current TemporaryRoot and are removed with it.
 #pragma once
 
 #include <cstdio>
@@ -11,7 +11,7 @@
 
 namespace quorvane::test {
 
-/// Runs a command of the shell to its end. Its wait status, and its standard output.
+/// Runs a shell command. Returns its wait status and its standard output.
 inline std::pair<int, std::string> run(const std::string& command) {
   std::FILE* const pipe = popen(command.c_str(), "r");
   std::string output;
@@ -19,7 +19,7 @@ inline std::pair<int, std::string> run(const std::string& command) {
   return {pclose(pipe), output};
 }
 
-/// The standard output of a command that must succeed.
+/// Runs a shell command that must succeed. Returns its standard output.
 inline std::string shell(const std::string& command) {
   const auto [status, output] = run(command);
   if (status != 0) throw std::runtime_error("failed: " + command);
@@ -28,7 +28,7 @@ inline std::string shell(const std::string& command) {
 
 inline const std::string p256 = "ec -pkeyopt ec_paramgen_curve:P-256";
 
-/// What a certificate is made with; as it stands, a leaf that the helper admits.
+/// The properties of a certificate. The defaults make a leaf that the helper admits.
 struct CertificateOptions {
   std::string units = "/OU=X4TQ8RW2ZN";
   std::string extensions = "keyUsage=digitalSignature\nextendedKeyUsage=codeSigning";
@@ -39,8 +39,8 @@ struct CertificateOptions {
 inline const CertificateOptions authority{
     .extensions = "basicConstraints=critical,CA:TRUE\nkeyUsage=keyCertSign"};
 
-/// A folder to sign from, with the certificates up to the root in leaf.pem. Its name is also the
-/// certificate's.
+/// A folder with a key and, in leaf.pem, the certificates up to the root. The folder's name is the
+/// certificate's common name.
 class SigningIdentity {
  public:
   static SigningIdentity makeRoot() { return {authority, nullptr}; }
@@ -48,18 +48,18 @@ class SigningIdentity {
     return {options, this};
   }
 
-  /// Makes this root an anchor, beside those already there.
+  /// Adds this root to the system root's anchors.
   void installAnchor(const std::string& systemRoot) const {
     const std::string anchors = systemRoot + "/etc/quorvane/anchors/";
     shell("mkdir -p " + anchors + " && cp " + folder + "/leaf.pem " + anchors +
           folder.substr(folder.rfind('.') + 1) + ".pem");
   }
-  /// Writes `<executable>.codesign`, by our program.
+  /// Writes `<executable>.codesign` with quorvane-codesign.
   void signExecutable(const std::string& executable, const std::string& identifier) const {
     shell(PROGRAMS_FOLDER "/quorvane-codesign sign --identity " + folder + " --identifier " +
           identifier + " " + executable);
   }
-  /// The arguments that make `openssl cms` sign with this identity.
+  /// The arguments of `openssl cms` that select this identity.
   [[nodiscard]] std::string signer() const {
     return " -signer " + folder + "/leaf.pem -inkey " + folder + "/leaf.key";
   }

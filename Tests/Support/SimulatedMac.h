@@ -1,6 +1,6 @@
-// A whole machine for real processes: a system root with a simulated SMC, a model name, a trusted
-// signer and a signed fanctl, and the daemon in it. A command is one of the shell, with the
-// machine's programs in its path.
+// A simulated machine for real processes: a system root with a simulated SMC, a model name, a
+// trusted signer, a signed fanctl and, once started, the daemon. Commands are shell commands, with
+// the machine's programs in the path.
 #pragma once
 
 #include <sys/prctl.h>
@@ -18,25 +18,25 @@
 
 namespace quorvane {
 
-/// Of what waitpid(2) says: the exit status, or 128 and the number of the signal that ended it.
+/// Returns the exit status in a status of waitpid(2), or 128 plus the number of the fatal signal.
 inline int exitStatus(int status) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-/// A command that runs beside the test.
+/// A child process of the test.
 class Process {
  public:
   explicit Process(const std::string& command)
       : Process(
             [&command] { execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr); }) {}
-  /// The same with a function of this program.
+  /// Runs a function of this program in the child process.
   explicit Process(const std::function<void()>& run) : child(fork()) {
     if (child != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // nothing outlives a test that is cut short
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // no process outlives a killed test
     run();
     _exit(127);
   }
-  /// Kills what still runs.
+  /// Kills the process if it still runs.
   ~Process() {
     if (child > 0) stop(SIGKILL);
   }
@@ -45,7 +45,7 @@ class Process {
 
   [[nodiscard]] pid_t id() const { return child; }
   void signal(int number) const { kill(child, number); }
-  /// Sends a signal, or none for 0, and waits for the end. Its exit status.
+  /// Sends a signal, or none for 0, and waits for the end. Returns the exit status.
   int stop(int number) {
     signal(number);
     int status = 0;
@@ -71,42 +71,42 @@ class SimulatedMac {
     trusted.issue().signExecutable(companion, "com.quorvane.app");
   }
 
-  /// Runs a command to its end. Its status, a colon and what it wrote: "0:ok 1.0.0\n".
+  /// Runs a command. Returns its exit status, a colon and its output: "0:ok 1.0.0\n".
   std::string sh(const std::string& command) const {
     const auto [status, output] = test::run("{ " + command + "; } 2>&1");
     return std::to_string(exitStatus(status)) + ":" + output;
   }
-  /// What `fanctl batch` answers to these lines.
+  /// Returns the output of `fanctl batch` for these lines.
   std::string batch(const std::string& lines) const {
     root.write("/batch", lines);
     return sh("fanctl batch <$QUORVANE_ROOT/batch").substr(2);
   }
-  /// Starts the daemon and returns once it answers.
+  /// Starts the daemon, and returns after its first reply.
   std::unique_ptr<Process> start(const std::string& command = "QuorvaneFanHelper") const {
     auto daemon = std::make_unique<Process>(command);
     test::await("answer of the daemon", [this] { return sh("fanctl ping").front() == '0'; });
     return daemon;
   }
 
-  /// The messages of the audit log, one a line, without timestamps.
+  /// The messages of the audit log, one per line, without timestamps.
   std::string audited() const {
     return test::shell(
         "cut -b 23- <\"$QUORVANE_ROOT/Library/Application Support/Quorvane/fan-audit.log\"");
   }
-  /// The keys written to the SMC, with their data: "F0Md=00 F1Md=00 ".
+  /// The writes to the SMC, each a key with its data: "F0Md=00 F1Md=00 ".
   std::string written() const {
     return test::shell(
         "awk '/^write/ { printf \"%s=%s \", $2, $6 }' $QUORVANE_ROOT/var/lib/quorvane/*.trace");
   }
 
-  /// Takes the hardware, which holds up everybody else, for as long as the result lives.
+  /// Locks the hardware while the result lives. All other users of the hardware block.
   simulation::SMCFile takeHardware() const {
     simulation::SMCFile hardware;
     hardware.open(root.path(std::string(simulation::smcPath)), simulation::SMCFile::Access::read);
     return hardware;
   }
-  /// The modes of the two fans, as the hardware has them: "01" with fan 1 forced. And when, since
-  /// boot, anything was written last.
+  /// The modes of the two fans in the hardware: "01" with fan 1 forced. Sets `lastWrite` to the
+  /// time of the hardware's last change, since boot.
   std::string modes(std::chrono::nanoseconds* lastWrite = nullptr) const {
     simulation::SMCFile hardware = takeHardware();
     if (lastWrite != nullptr) *lastWrite = hardware.machine.changedAt;

@@ -1,5 +1,5 @@
-// A system root of a test's own below the temporary folder, removed with its contents at the end.
-// To be made before the first systemPath() of the process, which reads the root once.
+// A test's own system root in the temporary folder. The destructor removes it with its contents.
+// REQUIRES: constructed before the first systemPath() of the process, which reads the root once.
 #pragma once
 
 #include <unistd.h>
@@ -17,7 +17,7 @@ class TemporaryRoot {
  public:
   TemporaryRoot() {
     if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no folder " + folder);
-    std::filesystem::permissions(folder, std::filesystem::perms{0755});  // other users come in
+    std::filesystem::permissions(folder, std::filesystem::perms{0755});  // for other users
     setenv("QUORVANE_ROOT", folder.c_str(), 1);
   }
   ~TemporaryRoot() {
@@ -27,11 +27,11 @@ class TemporaryRoot {
   TemporaryRoot(const TemporaryRoot&) = delete;
   TemporaryRoot& operator=(const TemporaryRoot&) = delete;
 
-  /// Where a platform path such as "/run/quorvane" lies in this root.
+  /// Maps a platform path such as "/run/quorvane" into this root.
   [[nodiscard]] std::string path(const std::string& platformPath) const {
     return folder + platformPath;
   }
-  /// The same, with the folder it lies in made.
+  /// Maps the path and creates its folder.
   [[nodiscard]] std::string prepare(const std::string& platformPath) const {
     std::filesystem::create_directories(std::filesystem::path(path(platformPath)).parent_path());
     return path(platformPath);
@@ -39,7 +39,7 @@ class TemporaryRoot {
   void write(const std::string& platformPath, const std::string& contents) const {
     std::ofstream(prepare(platformPath), std::ios::binary) << contents;
   }
-  /// The empty string when there is no such file.
+  /// Returns the contents, or the empty string if there is no such file.
   [[nodiscard]] std::string read(const std::string& platformPath) const {
     std::ifstream file(path(platformPath), std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};

@@ -1,8 +1,8 @@
-// Faults of a daemon at its writes to the simulated hardware, and a kernel before Linux 6.16. The
+// Faults at the daemon's writes to the simulated hardware, and a kernel before Linux 6.16. The
 // linker's --wrap puts these calls into a test build of the daemon. The environment variable
-// KILL_POINT says where the process is killed: an even number means before a write, an odd one
-// after it, counted from 0. A file "no-memory" in the root makes the driver throw once while it
-// holds the hardware.
+// KILL_POINT selects where the process is killed: write n, counted from 0, has point 2n before it
+// and point 2n+1 after it. A file "no-memory" in the system root makes the driver throw once while
+// it holds the lock on the hardware.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,7 +12,7 @@
 
 #include "Platform/SystemPath.h"
 
-/// On the one thread that calls the driver.
+/// Called only on the thread that calls the driver.
 static void passKillPoint() {
   static int passed = 0;
   const char* point = getenv("KILL_POINT");
@@ -28,7 +28,7 @@ extern "C" ssize_t __wrap_pwrite(int file, const void* bytes, size_t count, off_
   return result;
 }
 
-/// Without SO_PASSRIGHTS clients may send descriptors.
+/// Fails for SO_PASSRIGHTS, so that clients can send descriptors.
 extern "C" decltype(setsockopt) __real_setsockopt;
 extern "C" int __wrap_setsockopt(int socket, int level, int name, const void* value,
                                  socklen_t size) noexcept {

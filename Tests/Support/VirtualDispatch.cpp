@@ -20,19 +20,19 @@ struct VirtualTimer {
   void* context = nullptr;
 };
 
-/// The native pointers are only another type of pointer to the timers here: on macOS nothing can be
-/// derived from their types.
+/// The native pointers are cast pointers to timers, because on macOS no type can derive from the
+/// native types.
 VirtualTimer& timerOf(dispatch_object_t native) {
   return *reinterpret_cast<VirtualTimer*>(native);
 }
 
-// Never freed: objects of a test may outlive those of a program.
+// Never freed: a test's static objects may outlive this file's.
 auto& blocks = *new std::deque<std::function<void()>>;
 auto& timers = *new std::multimap<dispatch_time_t, VirtualTimer*>;
 const auto theQueue = reinterpret_cast<dispatch_queue_t>(&blocks);
-int holds = 0;  // on the queue: its suspension, and the block that it runs
+int holds = 0;  // on the queue: by its suspension and by the running block
 uint64_t clockTime = 0;
-std::exception_ptr thrown;  // by a block for which somebody waited
+std::exception_ptr thrown;  // by a block that a sync ran
 
 bool runOne() {
   if (holds > 0 || blocks.empty()) return false;
@@ -148,7 +148,7 @@ void dispatch_source_cancel(dispatch_source_t source) {
 void dispatch_release(dispatch_object_t object) {
   if (object == theQueue) return;
   VirtualTimer* const timer = &timerOf(object);
-  blocks.emplace_back([timer] {  // behind its handler
+  blocks.emplace_back([timer] {  // after its handler
     timer->finalizer(timer->context);
     delete timer;
   });
