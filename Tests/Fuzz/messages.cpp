@@ -1,6 +1,6 @@
-// Fuzzes the guard's end of a connection whose peer is admitted: datagrams in, replies out, with
-// the real service on the virtual dispatch and the scripted SMC. An input is datagrams between
-// separators; the byte in front of each says how many seconds pass before it comes.
+// Fuzzes the guard's end of a connection with an admitted peer: datagrams in, replies out, with the
+// real service on the virtual dispatch and the scripted SMC. An input is datagrams between
+// separators. The low five bits of the byte before each are the seconds that pass before it.
 #include <cassert>
 #include <cstring>
 
@@ -10,13 +10,13 @@
 #include "Support/ScriptedSMC.h"
 #include "Support/VirtualDispatch.h"
 
-/// In the place of the helper's.
+/// Replaces the helper's audit(): discards the line.
 void quorvane::audit(std::string_view /*message*/) {}
 
 namespace quorvane::xpc {
 namespace {
 
-/// What is written, to a key of a fan, is in the key's range.
+/// Asserts that each write is to a fan's key and in that key's range.
 void serveChecked(ScriptedSMC::Call& call) {
   const bool isMode = call.key.ends_with("Md");
   float value = call.request[48];
@@ -26,7 +26,7 @@ void serveChecked(ScriptedSMC::Call& call) {
   machine().answer(call);
 }
 
-/// One service for all inputs, as for many connections of a daemon: each finds it at rest.
+/// Makes the one service of all inputs, like a daemon of many connections. Each finds it at rest.
 std::shared_ptr<FanHelperService> start() {
   machine().setFanCount(3);
   for (const std::string fan : {"F0", "F1", "F2"}) {
@@ -41,7 +41,7 @@ std::shared_ptr<FanHelperService> start() {
 
 int requestsUnderWay = 0;
 
-/// Holds the reply against its request.
+/// Checks the reply against its request.
 struct CheckedSink final : ReplySink {
   explicit CheckedSink(const Request& asked) : request(asked) { ++requestsUnderWay; }
   void give(std::string_view reply) override {
@@ -56,11 +56,11 @@ struct CheckedSink final : ReplySink {
   bool isAnswered = false;
 };
 
-/// Does with a datagram what a connection does; false when that must end.
+/// Handles a datagram as a connection does. Returns false if the connection must end.
 bool receive(std::string_view datagram, FanHelperService& service) {
   const auto request = decodeRequest(datagram);
   if (!request) return false;
-  // A request has one encoding. An absent key has another, and is read as the empty one.
+  // A request has one encoding, except that an absent key decodes as the empty key.
   const auto* write = std::get_if<WriteFanKeyRequest>(&request->operation);
   const bool isKeyless = write != nullptr && write->key.empty();
   assert(isKeyless || encodeRequest(request->callNumber, request->operation) == datagram);
@@ -69,14 +69,14 @@ bool receive(std::string_view datagram, FanHelperService& service) {
 }
 
 void serve(std::string_view input) {
-  constexpr std::string_view separator = "\xFE\xFE";  // not in UTF-8, so not in a request's texts
+  constexpr std::string_view separator = "\xFE\xFE";  // not UTF-8, so not in a request's texts
   static const auto service = start();
   for (bool isOpen = true; isOpen && !input.empty();) {
-    // Nothing runs ahead of a zero, so that requests can pile up.
+    // With a zero byte nothing runs before the datagram, so that requests can accumulate.
     if (input[0] != 0) virtualdispatch::advance(std::chrono::seconds(input[0] & 0x1F));
     const std::string_view part = input.substr(1, input.find(separator, 1) - 1);
     input.remove_prefix(std::min(1 + part.size() + separator.size(), input.size()));
-    // In memory of just its size, so that the sanitizer sees a byte too many being read.
+    // A copy of the exact size lets the sanitizer detect reads past its end.
     const std::vector<char> datagram(part.begin(), part.end());
     isOpen = receive({datagram.data(), datagram.size()}, *service);
   }
@@ -84,7 +84,7 @@ void serve(std::string_view input) {
   for (const char* mode : {"F0Md", "F1Md", "F2Md"}) assert(machine().keys.at(mode)[48] == 0);
   assert(virtualdispatch::deadlines().empty());
   assert(requestsUnderWay == 0);
-  virtualdispatch::reset();  // long before the clock runs out
+  virtualdispatch::reset();  // long before the clock overflows
 }
 
 }  // namespace

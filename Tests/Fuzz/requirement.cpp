@@ -1,5 +1,5 @@
-// Fuzzes the evaluation of requirements by laws that hold for every text. A table in
-// CodeSignatureTests says what single texts mean.
+// Fuzzes the evaluation of requirements: checks laws that hold for every text. A table in
+// CodeSignatureTests has the meaning of single texts.
 #include "Platform/Linux/CodeSigning/Requirement.h"
 
 #include <cassert>
@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string always = "anchor apple generic", never = "identifier \"other\"";
   if (size + 40 > maxRequirementLength) return 0;
   const bool is = holds(text);
-  // What is not of the language makes nothing of the language.
+  // A text with an invalid part is invalid.
   const bool isOfTheLanguage = holds(always + " or " + text);
   assert(isOfTheLanguage || !is);
   assert(isOfTheLanguage == holds(text + " or " + always));

@@ -1,5 +1,5 @@
-// Fuzzes the code signature of one small executable, under one anchor; and, because no mutation
-// gets past a signature over its content, the content's text on its own.
+// Fuzzes the code signature of one small executable, under one anchor. Also fuzzes the content's
+// text alone, because no mutated content passes the check of the signature over it.
 #include <fcntl.h>
 
 #include <cassert>
@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   root.write("/app.codesign", input);
   const auto result = verifySignature(executable);
   if (const auto* signer = std::get_if<Identity>(&result)) {
-    // As Signature/make signs it.
+    // The content that Signature/make signs.
     assert(input.find("identifier: com.quorvane.app\nsize: 10\nsha256: "
                       "a29c2123a01df1d0febb9d308a20d8a2fe3d40a91ca8b1294f59f08f9773ebea\n") !=
            std::string::npos);

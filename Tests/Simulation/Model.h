@@ -1,7 +1,7 @@
-// What the helper must do, told a second time: from what it promises, with no line of its code. Is
-// told what befalls the helper, and holds against that what the helper was seen to do, deed by
-// deed. How an SMC call ended is taken from the deed: faults are the world's, not the helper's.
-// Owned by the simulation.
+// A second implementation of the helper's promises, without any of the helper's code. It gets the
+// same events as the helper and compares the helper's deeds with its own, one by one. The result of
+// an SMC call comes from the deed, because faults are the world's, not the helper's. Owned by the
+// simulation.
 #pragma once
 
 #include <bit>
@@ -18,7 +18,7 @@ using namespace std::chrono_literals;
 using Time = std::chrono::nanoseconds;
 using Bytes = ScriptedSMC::Bytes;
 using Record = ScriptedSMC::Record;
-/// How often the runs came into each situation; 0 for one that could have come up and never did.
+/// How often each situation occurred; 0 for a possible situation that never occurred.
 using Coverage = std::map<std::string, std::uint64_t>;
 
 struct Request {
@@ -29,19 +29,19 @@ struct Request {
   bool isFloat = false;
 };
 
-/// A call to the SMC, an audit line or a reply.
+/// An observed action of the helper: an SMC call, an audit line or a reply.
 struct Deed {
   std::string text;
-  /// Of a call.
+  /// For SMC calls only.
   ScriptedSMC::Call call{};
   Time took{};
-  bool died = false;  // the process, behind the call
+  bool died = false;  // the process, after the call
 };
 
-/// Passes through the helper's code, and the model's, as the process dies.
+/// Thrown through the helper's code, and the model's, when the process dies.
 struct Died {};
 
-/// The helper did something else than it should.
+/// Thrown when the helper's deed is not the expected one.
 struct Mismatch {
   std::string expected, actual;
 };
@@ -50,8 +50,8 @@ inline void require(bool good, const std::string& expected, const std::string& a
   if (!good) throw Mismatch{expected, actual};
 }
 
-/// How a call to the SMC reads as a deed: its key, of which the last four bytes count, its command
-/// and the data that it brings.
+/// Returns the deed text of an SMC call: the last four bytes of the key, the command, and the data
+/// padded to 32 bytes.
 inline std::string describe(const std::string& key, int command, Bytes payload) {
   std::string text = key.substr(key.size() - 4) + " " + std::to_string(command);
   payload.resize(32);
@@ -59,13 +59,13 @@ inline std::string describe(const std::string& key, int command, Bytes payload) 
   return text;
 }
 
-/// All that throws, throws Mismatch.
+/// Methods that find a difference throw Mismatch.
 class Model {
  public:
-  /// `deeds` is what was seen and is still to be held against the model, which takes it away.
+  /// `deeds` are the observed deeds. The model removes each one that it has compared.
   Model(std::deque<Deed>& deeds, Coverage& covered) : seen(deeds), coverage(covered) {}
 
-  /// A process starts, after the end of the one before.
+  /// Starts a process after the end of the previous one.
   void start(bool smcOpens) {
     known.clear();
     forced.clear();
@@ -78,7 +78,7 @@ class Model {
       audit("helper 1.0.0 started; model=Mac14,2 fans=" + std::to_string(fanCount()));
     });
   }
-  /// A request gets in line.
+  /// Queues a request.
   void submit(const Request& request) {
     if (!isAlive) return;
     line.emplace_back([this, request] {
@@ -88,14 +88,14 @@ class Model {
       reply("true");
     });
   }
-  /// So does the end of the process.
+  /// Queues the shutdown of the process.
   void shutDown() {
     line.emplace_back([this] {
       restore("shutdown");
       isAlive = false;
     });
   }
-  /// Time goes by with nothing running: what falls due gets in line.
+  /// Lets time pass without running anything. Queues the timers that become due.
   void pass(Time span) {
     now += span;
     for (Timer& timer : timers) {
@@ -104,7 +104,7 @@ class Model {
       line.emplace_back([this, timer] { expire(timer); });
     }
   }
-  /// Everything in line has its turn.
+  /// Runs everything in the queue.
   void run() {
     try {
       while (isAlive && !line.empty()) {
@@ -117,7 +117,7 @@ class Model {
     }
     if (!seen.empty()) throw Mismatch{"nothing more", seen.front().text};
   }
-  /// How long it is to each timer that will still fire, in order.
+  /// The remaining times of the timers that are not due yet, in order.
   std::vector<Time> deadlines() const {
     std::vector<Time> all;
     for (const Timer& timer : timers) {
@@ -189,7 +189,7 @@ class Model {
     std::ranges::stable_sort(timers, {}, &Timer::due);
   }
   void expire(const Timer& timer) {
-    if (std::ranges::find(timers, timer) == timers.end()) return;  // it was overtaken
+    if (std::ranges::find(timers, timer) == timers.end()) return;  // cancelled meanwhile
     audit(timer.text + " — fail-safe");
     restore(timer.reason);
   }
@@ -213,7 +213,7 @@ class Model {
     const std::string type(info->rend() - 36, info->rend() - 32);
     const bool isFloat = type == "flt " && sizeIn(*info) >= 4;
     if (!isFloat && type != "fpe2") return "keyMissing";
-    // "fpe2" counts quarters, and begins with the high byte.
+    // "fpe2" counts quarters, high byte first.
     Bytes payload{static_cast<std::uint8_t>(rpm >> 6), static_cast<std::uint8_t>(rpm << 2)};
     if (isFloat) {
       const auto bits = std::bit_cast<std::array<std::uint8_t, 4>>(static_cast<float>(rpm));
@@ -234,12 +234,12 @@ class Model {
     return known[key] = call.reply;
   }
 
-  /// The SMC answers a read of a value or of key information with what was asked for.
+  /// Whether the reply to a read has the requested value or key information.
   static bool isAnswer(const ScriptedSMC::Call& call) {
     return call.isGood() && call.replySize >= 48;
   }
   static std::uint8_t sizeIn(const Record& info) { return info[28]; }
-  /// Of the twenty keys that a client may write.
+  /// Returns the fan of one of the twenty keys that a client may write, else nothing.
   static std::optional<int> fanOfKey(const std::string& key) {
     if (key.size() != 4 || key[0] != 'F' || key[1] < '0' || key[1] > '9') return std::nullopt;
     if (!key.ends_with("Md") && !key.ends_with("Tg")) return std::nullopt;
@@ -274,7 +274,7 @@ class Model {
   std::deque<std::function<void()>> line;
   std::map<std::string, Record> known;
   std::set<int> forced;
-  std::vector<Timer> timers;  // by their deadlines; of equals the older one first
+  std::vector<Timer> timers;  // by deadline, then by age
 };
 
 }  // namespace quorvane::simulation

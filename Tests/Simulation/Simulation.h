@@ -1,6 +1,6 @@
-// One run: the real service and the real HelperSMC on the virtual dispatch and a machine that fails
-// at random, with clients, signals, deaths and restarts, all drawn from one seed. After each event
-// what the helper did is held against the Model. One run at a time.
+// One run: the real service and HelperSMC on the virtual dispatch and a machine that fails at
+// random. Clients, signals, deaths and restarts are drawn from one seed. After each event the Model
+// checks the helper's deeds. One run at a time.
 #pragma once
 
 #include <limits>
@@ -18,7 +18,7 @@ class Simulation {
       : world(seed, coverage), model(world.seen, coverage) {}
   ~Simulation() { endProcess(); }
 
-  /// The time that went by in it. Throws Mismatch.
+  /// Returns the simulated time. Throws Mismatch.
   Time run() {
     startProcess();
     for (auto steps = 500 + world.below(1000); steps > 0; --steps) step();
@@ -50,7 +50,7 @@ class Simulation {
       idle(world.pause(world.happens("long idle", 200) ? 3'600'000 : longestPause));
     }
   }
-  /// A cap is reached only where one client renews for half an hour and nobody disturbs it.
+  /// Only a calm phase reaches a hard cap: one client must renew undisturbed for half an hour.
   void startPhase() {
     const bool isCalm = world.oneIn(5);
     stepsOfPhase = isCalm ? 450 : 10 + static_cast<int>(world.below(100));
@@ -58,7 +58,7 @@ class Simulation {
     world.startPhase(isCalm);
   }
 
-  /// Of the client of that fan.
+  /// Submits a request of that fan's client.
   void act(const std::string& fan) {
     if (world.happens("talks nonsense", 3)) {
       submit(drawNonsense());
@@ -118,15 +118,15 @@ class Simulation {
     }
   }
 
-  /// Everything in line is done, and behind it the shutdown if one is asked for; a process that has
-  /// ended is followed by another.
+  /// Completes everything in the queue, then the shutdown if requested. Replaces a process that has
+  /// ended.
   void settle(bool shutdown = false) {
     submit({Kind::status});
     if (shutdown) model.shutDown();
     runAndCompare([this, shutdown] {
       if (shutdown) service->shutdownReleasing();
     });
-    if (shutdown && !world.isDead) {  // nothing more, though the process may take a while to end
+    if (shutdown && !world.isDead) {  // no deed follows, even if the process ends late
       submit({Kind::write, "F0Md", 1});
       jump(1800s);
       runAndCompare([] {});
@@ -154,7 +154,7 @@ class Simulation {
     virtualdispatch::reset();
   }
 
-  /// The event, and then everything in line.
+  /// Runs the event, then everything in the queue, and compares the deeds and timers.
   void runAndCompare(const std::function<void()>& event) {
     try {
       event();

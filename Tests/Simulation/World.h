@@ -1,6 +1,6 @@
-// What surrounds the helper: a machine that fails at random, and deaths of the process, all drawn
-// from one seed. Sees all that the helper does, and keeps a trace. Owned by the simulation; one
-// instance at a time.
+// The helper's environment: a machine that fails at random, and deaths of the process, drawn from
+// one seed. It records the helper's deeds and keeps a trace. Owned by the simulation; one instance
+// at a time.
 #pragma once
 
 #include <random>
@@ -29,8 +29,8 @@ class World {
     return from.begin()[below(from.size())];
   }
   Time pause(unsigned milliseconds) { return std::chrono::milliseconds(below(milliseconds + 1)); }
-  /// Whether a situation comes up now: never in this phase, or once in a number of times that is
-  /// drawn too, and is a multiple of `least`.
+  /// Returns whether a situation occurs now. Each phase draws a situation's rate: never, or one in
+  /// a multiple of `least`. In a calm phase none occurs.
   bool happens(const std::string& situation, unsigned least) {
     std::uint64_t& count = coverage[situation];
     if (isCalm) return false;
@@ -41,20 +41,20 @@ class World {
     return true;
   }
 
-  /// All is well, and stays so while it is calm; other things happen at other rates otherwise.
+  /// Starts a phase with the correct fan count and new rates.
   void startPhase(bool calm) {
     isCalm = calm;
     rates.clear();
     machine().setFanCount(static_cast<std::uint8_t>(fanCount));
   }
-  /// The machine may tell another number of fans, until the phase ends.
+  /// May change the reported number of fans until the phase ends.
   void changeFanCount() {
     if (!happens("fan count lies", 20)) return;
     const std::uint32_t size = pick({0U, 1U, 2U, 33U});
     machine().addKey("FNum", "ui8 ", size, 0x80, {pick<std::uint8_t>({0, 1, 2, 10, 11, 255})});
   }
 
-  /// The helper does something. Nobody sees what is left of a dead process.
+  /// Records a deed. Throws Died if the process dies after it, or is dead and the deed is lost.
   void saw(Deed deed) {
     if (isDead) throw Died{};
     note(deed.text);
@@ -67,11 +67,11 @@ class World {
     if (trace.size() > 40) trace.pop_front();
   }
 
-  /// The one that the helper lives in.
+  /// The world of the current run.
   static inline World* current = nullptr;
-  /// The last lines of what happened.
+  /// The last 40 lines.
   std::deque<std::string> trace;
-  /// What the helper did and the model has not taken yet.
+  /// The deeds that the model has not compared yet.
   std::deque<Deed> seen;
   unsigned fanCount = 0;
   bool isDead = true;
@@ -105,7 +105,7 @@ class World {
 
   Coverage& coverage;
   std::mt19937_64 random;
-  /// Of this phase, by situation: one in so many, or 0.
+  /// The rates of this phase, by situation: n for one in n, 0 for never.
   std::map<std::string, unsigned> rates;
 };
 

@@ -1,6 +1,6 @@
-// Runs the simulation over seeds, from a fresh one unless it is named, until a limit is reached,
-// and says how to repeat one. Exit status 0 when the helper did what it should, 1 when it did not,
-// 2 for bad usage, 3 when too little happened.
+// Runs the simulation over consecutive seeds, by default from a random one, until a limit is
+// reached. Prints how to repeat a seed. Exit status: 0 if the helper did what it should, 1 if not,
+// 2 for bad usage, 3 if nothing ran or a situation never occurred.
 //
 // usage: simulation [--seed FIRST] [--runs N] [--hours N]
 #include <cstdlib>
@@ -9,7 +9,7 @@
 #include "QuorvaneFanHelper/AuditLog.h"
 #include "Simulation/Simulation.h"
 
-/// In the place of the helper's: the world sees the line.
+/// Replaces the helper's audit(): the line becomes a deed.
 void quorvane::audit(std::string_view message) {
   simulation::World::current->saw({.text = "audit " + std::string(message)});
 }
@@ -17,11 +17,11 @@ void quorvane::audit(std::string_view message) {
 namespace quorvane::simulation {
 namespace {
 
-/// The number given with each option.
+/// The number of each option.
 using Options = std::map<std::string, std::uint64_t>;
 
 constexpr int good = 0, broken = 1, badUsage = 2, tooLittle = 3;
-/// So many runs come into every situation.
+/// After this many runs every situation must have occurred.
 constexpr std::uint64_t runsForCoverage = 200;
 constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
 
@@ -29,7 +29,7 @@ int run(const std::string& program, const Options& options) {
   const std::uint64_t firstSeed = options.at("--seed");
   std::cout << "Seeds from " << firstSeed << ". To repeat one: " << program
             << " --seed SEED --runs 1" << std::endl;
-  // The machine and the clients name theirs themselves.
+  // World::happens() adds the situations of the machine and the clients.
   Coverage coverage{{"startup baseline", 0}, {"write error", 0},   {"lease expired", 0},
                     {"hard cap", 0},         {"app requested", 0}, {"shutdown", 0}};
   const std::chrono::duration<double, std::ratio<3600>> limit(options.at("--hours"));
