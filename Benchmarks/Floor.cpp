@@ -87,7 +87,8 @@ Floor::Floor(const SimulatedMac& mac, Work work) {
   const Descriptor served(ends[1]);
   const int on = 1;
   setsockopt(served.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-  const std::string file = "/Library/Application Support/Quorvane/floor.log";  // by the audit log
+  // In the audit log's folder.
+  const std::string file = "/Library/Application Support/Quorvane/floor.log";
   mac.root.write(file, "");
   server = std::make_unique<Process>([&] { serve(served.get(), work, mac.root.path(file)); });
 }

@@ -1,5 +1,5 @@
 // The whole channel in one process: the real listener, connections and client, real sockets and
-// threads. Only the exported object and the judgement on signatures are stand-ins.
+// threads. Only the exported object and the verdict on signatures are fakes.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -35,10 +35,10 @@ struct Channel : testing::Test {
         std::filesystem::status(root.path("/run/quorvane/com.quorvane.fanhelper.lock"));
     EXPECT_EQ(lock.permissions(), std::filesystem::perms{0600});
   }
-  /// Whatever an offender did, who behaves is served.
+  /// No offender affects the well-behaved client.
   void TearDown() override { EXPECT_TRUE(witness.ping()); }
 
-  /// That many writes are delivered, and no more for as long as the witness's pings take.
+  /// Waits for `count` delivered writes. Expects no more of them during 300 pings of the witness.
   void expectWrites(int count) {
     test::await(std::to_string(count) + " writes", [&] { return helper->writes >= count; });
     for (int i = 0; i < 300; ++i) ASSERT_TRUE(witness.ping());
@@ -81,7 +81,7 @@ TEST_F(Channel, AnythingUnexpectedEndsThatConnection) {
   patient.send(response);
   EXPECT_TRUE(patient.ping());
   expectWrites(0);
-  while (patient.send(request)) continue;  // until it is cut off: it reads no reply
+  while (patient.send(request)) continue;  // until cut off, because it reads no reply
 }
 
 TEST_F(Channel, MessagesOfOthersEndTheConnection) {
@@ -99,7 +99,7 @@ TEST_F(Channel, MessagesOfOthersEndTheConnection) {
   expectWrites(0);
 }
 
-// Five real seconds.
+// Takes five real seconds.
 TEST_F(Channel, SilenceEndsAdmissionAndNothingAfterIt) {
   const RawChannel silent;
   ASSERT_TRUE(silent.connect());
@@ -116,8 +116,8 @@ TEST_F(Channel, OutstandingRepliesAreBoundedAndDelayNoPing) {
   expectWrites(maxOutstandingReplies + 1);
 }
 
-// The connection that is over keeps its socket until it owes no reply: were its number free before,
-// one of the next connections would have it.
+// An ended connection keeps its socket until it owes no reply. Otherwise one of the next
+// connections would get the descriptor's number, and with it the reply.
 TEST_F(Channel, LateRepliesReachNobodyElse) {
   peer.send(requestToHold);
   expectWrites(1);
@@ -133,14 +133,14 @@ TEST_F(Channel, PlacesAreBoundedForEachUserAndInAll) {
   if (geteuid() != 0) GTEST_SKIP() << "takes several users";
   {
     std::vector<RawChannel> entering;
-    // The users and their places; the last ones are root's.
+    // The users and their places. The last places are reserved for root.
     for (const auto& [user, places] : {std::pair{1U, 4}, {2U, 4}, {3U, 4}, {4U, 0}, {0U, 4}}) {
       int taken = 0;
       while (entering.emplace_back().connect(user) && entering.back().receive()) ++taken;
       EXPECT_EQ(taken, places) << user;
     }
   }
-  // Those are gone, in their own time.
+  // The connections' threads free those places later.
   test::await("free place", [] { return RawChannel().enter(1); });
   std::vector<RawChannel> admitted;
   int entered = 0;

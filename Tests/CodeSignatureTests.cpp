@@ -1,5 +1,5 @@
-// What a signature signs, how it is judged, what is required of the signer; and the program that
-// does all that for people.
+// The content of a signature, its verification, the requirements on the signer, and the program
+// quorvane-codesign.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace quorvane::codesigning {
 
 using test::SigningIdentity;
 
-/// "IDENTIFIER of TEAM", or the reason of the refusal.
+/// Returns "IDENTIFIER of TEAM", or the reason of the refusal.
 std::string verdictOn(const Descriptor& executable) {
   const Verdict verdict = verifySignature(executable.get());
   if (const auto* refusal = std::get_if<Refusal>(&verdict)) return refusal->reason;
@@ -42,8 +42,8 @@ TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
   const std::string toPackage =
       "cd ../etc/quorvane/anchors; own=$PWD; to=" + folder.path(QUORVANE_PACKAGED_ANCHORS) +
       "; mkdir -p $to; mv * $to; cd $to";
-  // Each: words of the verdict, the signer, and a command that is run in the executable's folder
-  // when that has been signed and opened.
+  // Each row: words of the verdict, the signer, and a command. The command runs in the executable's
+  // folder, after the executable has been signed and opened.
   const struct {
     std::string words;
     SigningIdentity signer;
@@ -71,7 +71,7 @@ TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
       {"does not exist", leaf, "rm app.codesign"},
       {"a regular file", leaf, "rm app.codesign; mkfifo app.codesign"},
       {"a symbolic link", leaf, "mv app.codesign there; ln -s there app.codesign"},
-      // A file that is removed keeps its path, in which anybody may then put a link.
+      // A removed file keeps its path. Anybody can then put a link into that path.
       {"behind one", leaf,
        "mkdir ../at; mv *.codesign '../at/app (deleted).codesign'; cd ..; rm -r bin; ln -s at bin"},
       {"not of the signed size", leaf, "echo >>app"},
@@ -81,7 +81,7 @@ TEST(CodeSignature, IsAcceptedOnlyAsItMustBe) {
       {"chain: self-signed", leaf, toPackage + "; for a in *; do : >$own/$a; done"},
   };
   for (const auto& [words, signer, command] : rows) {
-    // The executable is more than one chunk to hash.
+    // The executable is larger than one chunk of the hash.
     runIn(folder, "rm -rf etc usr bin at; mkdir bin; cd bin; head -c 100000 /dev/zero >app");
     root.installAnchor(folder.path(""));
     signer.signExecutable(folder.path("/bin/app"), "app");
@@ -116,7 +116,7 @@ TEST(CodeSignature, ContentHasOneText) {
   }
 }
 
-/// Whether a requirement holds. In its text, + is a term that holds and - one that does not.
+/// Returns whether a requirement holds. In `form`, + is a term that holds and - one that does not.
 bool holds(const std::string& form) {
   std::string text;
   for (const char sign : form) {

@@ -9,5 +9,5 @@ void quorvane::dispatchtest::pass(std::chrono::milliseconds span) {
   std::promise<void> passed;
   const dispatch::OneShotTimer timer(clock, span, [&passed] { passed.set_value(); });
   passed.get_future().wait();
-  clock.sync([] {});  // the handler has let go of the promise
+  clock.sync([] {});  // after the handler's last use of the promise
 }

@@ -1,5 +1,5 @@
-// What the program relies on in dispatch. Linked against the real layer and against the virtual
-// one, so that a test on the virtual one says something about the program.
+// The properties of dispatch that the programs rely on. The suite is linked against the real layer
+// and against the virtual one, so that tests on the virtual one are valid for the programs.
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -21,7 +21,7 @@ class DispatchConformance : public testing::Test {
     return [this, word] { words += word; };
   }
 
-  std::string words;  // of the queue
+  std::string words;  // appended on the queue
   const Queue queue{"suite"};
 };
 
@@ -43,7 +43,7 @@ TEST_F(DispatchConformance, TimersFireOnceInTheOrderOfTheirDeadlines) {
   });
   const OneShotTimer never(queue, std::chrono::nanoseconds::max(), says("never "));
   const OneShotTimer past(queue, -1s, says("past "));
-  OneShotTimer(queue, 10ms, says("cancelled "));  // holds up none behind it
+  OneShotTimer(queue, 10ms, says("cancelled "));  // delays no timer behind it
   const std::clock_t before = std::clock();
   pass(320ms);
   EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10) << "waiting takes processor time";

@@ -1,6 +1,5 @@
-// What the helper does, as scenarios: the real service with its real times, on a machine with two
-// fans and a clock that the test moves. The simulation holds the same promises in histories that
-// nobody thought of.
+// The helper's behaviour, as scenarios: the real service with its real time limits, on a fake SMC
+// with two fans and a virtual clock. The simulation checks the same promises in random histories.
 #include "QuorvaneFanHelper/FanHelperService.h"
 
 #include <gtest/gtest.h>
@@ -13,10 +12,10 @@ namespace quorvane {
 
 using namespace std::chrono_literals;
 
-/// The messages to the audit log since the start, one a line.
+/// The messages to the audit log since the start, one per line.
 std::string audited;
 
-/// In the place of the helper's.
+/// Replaces the helper's audit().
 void audit(std::string_view message) {
   audited.append(message).append("\n");
 }
@@ -41,7 +40,7 @@ struct FanHelper : testing::Test {
     service->startup();
   }
 
-  /// What the client hears: "true", the reason of a refusal, or "no reply".
+  /// Returns the client's reply: "true", the reason of a refusal, or "no reply".
   std::string write(const std::string& key, std::int64_t value) {
     reply = "no reply";
     service->writeFanKey(key, value, /*isFloat=*/false, [this](bool success, const auto& reason) {
@@ -50,7 +49,7 @@ struct FanHelper : testing::Test {
     virtualdispatch::runUntilIdle();
     return reply;
   }
-  /// The modes of fan 0 and fan 1 in the hardware: "10" when only fan 0 is forced.
+  /// The modes of fan 0 and fan 1 in the hardware: "10" if only fan 0 is forced.
   static std::string modes() {
     return std::to_string(machine().keys["F0Md"][48]) + std::to_string(machine().keys["F1Md"][48]);
   }
@@ -77,7 +76,7 @@ TEST_F(FanHelper, KeepsAFanForcedWhileItsClientRenews) {
   EXPECT_EQ(machine().keys["F0Tg"][48] * 256 + machine().keys["F0Tg"][49], 2500 * 4) << "quarters";
 }
 
-// A lease is all that a client has: one that crashes, hangs or is killed needs no other clean-up.
+// A client that crashes, hangs or is killed needs no other clean-up than its lease.
 TEST_F(FanHelper, TakesAllFansBackWhenTheLeaseRunsOut) {
   write("F0Md", 1);
   write("F1Md", 1);
@@ -128,7 +127,7 @@ TEST_F(FanHelper, RefusesOtherKeysAndValuesWithoutTouchingTheHardware) {
   EXPECT_TRUE(audited.ends_with("fans=2\nREJECTED non-fan key FNum\n"));
 }
 
-// What main does on SIGTERM and SIGINT.
+// main() does this on SIGTERM and SIGINT.
 TEST_F(FanHelper, HandsEveryFanBackAndWritesNothingMoreBeforeItEnds) {
   write("F0Md", 1);
   service->shutdownReleasing();

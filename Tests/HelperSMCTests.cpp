@@ -1,5 +1,5 @@
-// What the simulation cannot tell of the SMC access: which service is opened, the number types of
-// which no fan is written, and the probe.
+// The parts of the SMC access that the simulation does not cover: the choice of the service, the
+// number types that no fan write uses, and the probe.
 #include "QuorvaneFanHelper/HelperSMC.h"
 
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ TEST(HelperSMC, ProbeReadsNumbersByTheirTypesAndMarksWhatIsNone) {
   machine().addKey("F0Md", "ui8 ", 1, 0xC0, {7});
   machine().addKey("F1Ac", "fpe2", 2, 0x80, {0x13, 0x4B});  // 1234.75
   machine().addKey("F1Tg", "ui16", 2, 0x80, {0x12, 0x34});
-  // Of an unknown type: read by size.
+  // Values of an unknown type are read by size.
   machine().addKey("F1Mn", "hex_", 4, 0x80, {0x00, 0x80, 0xBB, 0x44});
   machine().addKey("F1Mx", "hex_", 3, 0x80, {0x00, 0x80, 0xBB});
   std::vector<std::string> lines;

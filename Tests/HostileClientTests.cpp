@@ -1,5 +1,5 @@
-// Clients that mean ill or have bad luck, against the real daemon: it serves nobody that is not
-// admitted, and no client delays another one, a lease or a restore.
+// Malicious and unlucky clients against the real daemon: it serves admitted clients only, and no
+// client delays another one, a lease or a restore.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
@@ -13,18 +13,18 @@ namespace quorvane {
 
 using test::RawChannel;
 
-/// The most connections that the user of this test may have.
+/// The limit of connections for the user of this test.
 const std::size_t everybody = geteuid() == 0 ? 32 : 8;
 
 const std::string force = test::writeRequest("F0Md", 1);
 
-/// Forces fan 0, and then sends this request until as many wait for a reply as may.
+/// Forces fan 0, then sends `request`, maxOutstandingReplies requests in all.
 void fill(const RawChannel& channel, const std::string& request) {
   channel.send(force);
   for (int i = 1; i < xpc::maxOutstandingReplies; ++i) channel.send(request);
 }
 
-/// Forces fan 0 as often as it can until it is cut off.
+/// Forces fan 0 without a pause until it is cut off.
 void flood() {
   const RawChannel channel;
   if (!channel.enter()) return;
@@ -32,7 +32,7 @@ void flood() {
   while (channel.receive()) channel.send(force);
 }
 
-/// Enters as often as it is let in, and fills each connection.
+/// Opens connections, up to the daemon's limits, and fills each. Waits for the first place.
 std::vector<RawChannel> enterAsCrowd(const std::string& request) {
   std::vector<RawChannel> crowd;
   test::await("place", [&crowd] {
@@ -44,15 +44,15 @@ std::vector<RawChannel> enterAsCrowd(const std::string& request) {
   return crowd;
 }
 
-/// Leaves in the helper's end what takes a minute to close: a TCP connection whose close waits for
-/// a reader (SO_LINGER, socket(7)), with the socket that could accept it. False once cut off.
+/// Sends the helper descriptors that take a minute to close: a TCP connection whose close waits for
+/// a reader (SO_LINGER, socket(7)), and its listening socket. Returns false if cut off.
 bool leaveBehind(const RawChannel& channel) {
   const Descriptor listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const Descriptor sending(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
   auto* const name = reinterpret_cast<sockaddr*>(&address);
   socklen_t size = sizeof address;
-  listen(listening.get(), 1);  // at a port of the kernel's choice, see ip(7)
+  listen(listening.get(), 1);  // at a port chosen by the kernel, see ip(7)
   getsockname(listening.get(), name, &size);
   EXPECT_EQ(connect(sending.get(), name, size), 0);
   std::string block(65536, 'x');
@@ -70,8 +70,8 @@ bool leaveBehind(const RawChannel& channel) {
 }
 
 struct HostileClients : testing::Test {
-  /// The command that starts the daemon with this script as its gatekeeper. The empty script admits
-  /// everybody, so also the connections of this test.
+  /// Returns a command that starts the daemon with `script` as its gatekeeper. The empty script
+  /// admits everybody, including the connections of this test.
   std::string guardedBy(const std::string& script) const {
     mac.root.write("/bin/quorvane-codesign", "#!/bin/sh\n" + script);
     const std::string daemon = mac.root.prepare("/sbin/QuorvaneFanHelper");
@@ -97,8 +97,8 @@ TEST_F(HostileClients, FloodsDelayNoPingAndEndWithTheRestore) {
   expectRestoreBySIGTERM(*daemon);
 }
 
-// Both fans are forced. One client is killed then, another stops while it waits for replies, and a
-// third leaves behind what takes a minute to close. Twenty real seconds.
+// Both fans are forced. One client leaves descriptors that take a minute to close, another is
+// stopped while it waits for replies, and a third is killed. Takes twenty real seconds.
 TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
   const auto daemon = mac.start(guardedBy("") + " 2>$QUORVANE_ROOT/log");
   const Process stopped(flood);
@@ -109,7 +109,7 @@ TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
     ASSERT_TRUE(left.enter());
     fill(left, test::writeRequest("F0Tg", 0));
     EXPECT_TRUE(leaveBehind(left));  // for the thread that reads it
-    EXPECT_TRUE(leaveBehind(left));  // for the one that closes the socket
+    EXPECT_TRUE(leaveBehind(left));  // for the thread that closes the socket
   }
   stopped.signal(SIGSTOP);
   dying.stop(SIGKILL);
@@ -127,7 +127,7 @@ TEST_F(HostileClients, WhoeverFallsSilentLosesTheFansOnTime) {
             std::string::npos);
 }
 
-// Four strangers of one user are in admission, and the others are refused.
+// Four strangers of one user are in admission. The daemon cuts off the others.
 TEST_F(HostileClients, NobodyWaitsForWhatStrangersLeaveBehind) {
   if (geteuid() != 0) GTEST_SKIP() << "takes another user";
   const auto daemon = mac.start(guardedBy(""));
@@ -141,17 +141,17 @@ TEST_F(HostileClients, NobodyWaitsForWhatStrangersLeaveBehind) {
   EXPECT_EQ(daemon->stop(SIGTERM), 0);
 }
 
-// So few descriptors that a crowd could take them all.
+// A crowd could use up the daemon's 40 descriptors.
 TEST_F(HostileClients, CrowdsLeaveARestoreItsDescriptors) {
   const auto daemon = mac.start("prlimit --nofile=40 " + guardedBy(""));
-  enterAsCrowd(force);  // and leaves
+  enterAsCrowd(force);  // and disconnects
   const std::vector<RawChannel> crowd = enterAsCrowd(force);
   EXPECT_LT(crowd.size(), everybody);
   expectRestoreBySIGTERM(*daemon);
   EXPECT_EQ(mac.audited().find("write error"), std::string::npos);
 }
 
-// One that hangs, and says first which descriptors it has. Five real seconds.
+// The gatekeeper lists its descriptors, then hangs. Takes five real seconds.
 TEST_F(HostileClients, AGatekeeperHasOnlyItsOwnAndEndsAtTheDeadline) {
   Process daemon(guardedBy("echo $(ls /proc/self/fd) >$QUORVANE_ROOT/descriptors; exec sleep 60"));
   const std::string socket = mac.root.path("/run/quorvane/com.quorvane.fanhelper");
@@ -161,7 +161,7 @@ TEST_F(HostileClients, AGatekeeperHasOnlyItsOwnAndEndsAtTheDeadline) {
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
 }
 
-// The driver does not answer the first request, so all others wait.
+// The driver blocks in the first request, so all others wait.
 TEST_F(HostileClients, WithEveryBoundFullTheGuardStaysSmall) {
   const auto daemon = mac.start(guardedBy(""));
   std::optional hardware(mac.takeHardware());
@@ -174,7 +174,7 @@ TEST_F(HostileClients, WithEveryBoundFullTheGuardStaysSmall) {
   expectRestoreBySIGTERM(*daemon);
 }
 
-// fanctl under other signatures: each is cut off before any operation.
+// fanctl under other signatures. Only the first is admitted; the others cannot call any operation.
 TEST_F(HostileClients, NobodyUnadmittedIsServed) {
   const auto daemon = mac.start();
   const auto trying = [&](const test::SigningIdentity& root, const char* team, const char* name) {

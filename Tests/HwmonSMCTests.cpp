@@ -1,5 +1,5 @@
-// The driver in front of the kernel's fan files: on plain files, and with what plain files cannot
-// show put in front of them.
+// The driver for the kernel's fan files, on plain files. A layer above them adds the behaviour of
+// the kernel that plain files do not have.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -13,7 +13,7 @@ namespace quorvane::hwmon {
 using enum smc::Command;
 constexpr auto intel = smc::typeFPE2, apple = smc::typeFLT, byte = smc::typeUI8;
 
-/// Plain files, and what the kernel adds to them.
+/// Plain files, with write errors, the state of the kernel's driver and that of the SMC.
 struct KernelFolder : Folder {
   explicit KernelFolder(std::unique_ptr<Folder> plain) : files(std::move(plain)) {}
   bool has(const std::string& file) const override { return files->has(file); }
@@ -36,7 +36,7 @@ struct KernelFolder : Folder {
 struct HwmonSMCTest : testing::Test {
   HwmonSMCTest() { unplug(); }
   static void unplug() { std::filesystem::remove_all(root.path("/sys")); }
-  /// The kernel return code, else the SMC's result.
+  /// Calls the driver. Returns the kernel return code if it is an error, else the SMC's result.
   int ask(smc::Command command, const char* key, FourCC type, double value = 0) {
     const auto low = static_cast<std::uint8_t>(type == byte ? value : 0);
     smc::Record record{.key = fourCC(key),
@@ -48,7 +48,7 @@ struct HwmonSMCTest : testing::Test {
     const int status = client.callStructMethod(2, &record, sizeof record, &record, &size);
     return status != KERN_SUCCESS ? status : record.result;
   }
-  /// The same, what was written meanwhile, and the mode that the SMC is in now.
+  /// Sets the mode of fan 0. Returns the result, the writes to files, and the SMC's mode then.
   std::string setMode(int mode) {
     KernelFolder::written = " ";
     const std::string result = std::to_string(ask(write, "F0Md", byte, mode));
@@ -70,7 +70,7 @@ TEST_F(HwmonSMCTest, WritesOfTheOneKnownDeviceKeepWithinLimitsAndFailWithResults
   EXPECT_EQ(ask(read, "FNum", byte), kIOReturnNoDevice);
   const std::string folder = plantHwmon(root, "applesmc", false);
   const std::tuple<const char*, const char*, double, std::string> targets[] = {
-      // min, max, target, result and what the file holds then
+      // min, max, target; then the result and the file's text
       {"1200\n", "5900\n", 2500.25, "0 2500"},
       {"0", "5900", 0, "0 0"},
       {"900", "5900", 0, "0 900"},
@@ -94,7 +94,7 @@ TEST_F(HwmonSMCTest, WritesOfTheOneKnownDeviceKeepWithinLimitsAndFailWithResults
 TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {
   const std::string folder = plantHwmon(root, "macsmc_hwmon", true, "9");
   plantHwmon(root, "applesmc", false, "10");
-  // Forced by a helper that crashed, and the driver was loaded again.
+  // A helper forced the fan and crashed, then the kernel reloaded its driver.
   KernelFolder::smcIsManual = true;
   EXPECT_EQ(setMode(0), "0 fan1_target=1400 fan1_target=0 automatic");
   EXPECT_EQ(setMode(0), "0 fan1_target=0 automatic");
@@ -118,7 +118,7 @@ TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {
   EXPECT_EQ(setMode(0), "0 fan1_target=0 automatic");
   KernelFolder::errors = {{"fan1_target=2500", ETIMEDOUT}};
   EXPECT_EQ(ask(write, "F0Tg", apple, 2500), 183);
-  KernelFolder::smcIsManual = true;  // only the SMC's answer was lost
+  KernelFolder::smcIsManual = true;  // only the SMC's reply was lost
   EXPECT_EQ(setMode(0), "0 fan1_target=1 fan1_target=0 automatic");
 }
 

@@ -1,5 +1,5 @@
-// A client's lease, and fanctl force, which holds its fans by one: against a helper and a clock of
-// the test's own.
+// A client's lease, and fanctl force, which holds its fans with a lease: on a fake helper and a
+// virtual clock.
 #include "FanControlClient/Lease.h"
 
 #include <gtest/gtest.h>
@@ -14,16 +14,16 @@ namespace quorvane {
 
 using namespace std::chrono_literals;
 
-/// A helper with two fans that keeps no lease and no cap, and the time.
+/// A fake helper with two fans, without a lease and a cap, and the time.
 struct World {
   std::chrono::nanoseconds time{}, latency{};
   std::set<char> forced{};
   bool isUp = true, isConnected = true;
   std::string refusedKey{};
-  /// Of fanctl force: when the user stops it, and a fan that another client releases meanwhile.
+  /// For fanctl force: the time of the user's stop, and a fan that another client releases.
   std::chrono::nanoseconds stopTime = 24h;
   char lostFan = '-';
-  /// The writes and the events, with their seconds: "0 F0Md=1, 0 F0Tg=2500f, 0 forced 0, ".
+  /// The writes and the events, each after its second: "0 F0Md=1, 0 F0Tg=2500f, 0 forced 0, ".
   std::string log{};
 
   void note(const std::string& text) { log += std::to_string(time / 1s) + " " + text + ", "; }
@@ -83,7 +83,7 @@ const Action cutOff = [](Lease&) { world.isConnected = false; };
 const Action leave = [](Lease&) { world.isUp = false; };
 const Action end = [](Lease&) {};
 
-/// Takes the actions at their times, and whatever is due before them.
+/// Runs the actions at their times, and before each the lease's work that is due earlier.
 void expectLog(const std::vector<std::pair<std::chrono::seconds, Action>>& actions,
                const std::string& lastOfLog, const World& start = {}) {
   world = start;
@@ -122,7 +122,7 @@ TEST(Lease, HoldsFansForOnePeriodAndNeverAgainstTheWillOfAnother) {
 TEST(Lease, OutlivesItsConnectionAndItsHelper) {
   expectLog({{0s, hold0}, {6s, cutOff}, {14s, end}},
             "10 unreachable 0, 10 F0Tg=2500f, 10 forced 0, ");
-  // A helper that restarts has taken its fans back.
+  // A helper that has restarted has restored its fans.
   expectLog({{0s, hold0}, {6s, cutOff}, {6s, takeBack}, {20s, end}},
             held + "5 F0Tg=2500f, 10 unreachable 0, 10 taken 0, ");
   expectLog({{0s, hold0}, {6s, leave}, {60s, end}}, "10 unreachable 0, 25 taken 0, ");

@@ -1,4 +1,4 @@
-// The bytes between the helper and its companions.
+// The encoding of the messages between the helper and its companions.
 #include "Platform/Linux/Channel/Messages.h"
 
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ TEST(Messages, ValuesPassUnchanged) {
   EXPECT_EQ(decodeReply<StatusReport>(encodeReply(1, report), 1), report);
 }
 
-// The fuzz target "messages" has the guard's side of this, but not what a text may hold.
+// The fuzz target "messages" covers the guard's side, but not the valid contents of texts.
 TEST(Messages, MalformedOnesAreNone) {
   EXPECT_FALSE(decodeRequest(request.substr(0, 20) + '\xFF')) << "not UTF-8";
   EXPECT_FALSE(decodeReply<Outcome>(refusal, 8)) << "another call's";

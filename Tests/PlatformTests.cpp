@@ -1,4 +1,4 @@
-// The small stand-ins for what macOS has and Linux has not: the model name, the log.
+// The Linux versions of small macOS interfaces: the model name and the log.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <os/log.h>
@@ -13,7 +13,7 @@ namespace quorvane {
 using namespace std::string_literals;
 const TemporaryRoot root;
 
-// The model of most machines is in every process test.
+// The process tests cover the source of the model name on most machines.
 TEST(Platform, TheModelMayComeFromTheDeviceTree) {
   root.write("/proc/device-tree/model", "Apple MacBook Air (M2)\0"s);
   root.write("/sys/class/dmi/id/product_name", "\n");
@@ -29,13 +29,13 @@ std::string received(int descriptor) {
   return text.substr(0, size < 0 ? 0 : static_cast<std::size_t>(size));
 }
 
-// A message that waited for room would hold up this process for ever.
+// A message that waits for room would block this process forever.
 TEST(Platform, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
   const auto address = socketAddress(root.prepare("/run/systemd/journal/socket")).value();
   const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
   ASSERT_EQ(bind(journal, address.get(), address.size), 0);
   const os_log_t log = os_log_create("com.quorvane.app", "FanHelper");
-  const std::string most(1011, 'x');  // so that the bound cuts what follows
+  const std::string most(1011, 'x');  // so that the limit truncates the next character
   os_log_error(log, "%{private}d%% of %%{x}\n%{public}s", 2, (most + "\u2014").c_str());
   EXPECT_EQ(received(journal), "MESSAGE\n\x01\x04\0\0\0\0\0\0"s + "2% of %{x}\n" + most +
                                    "\uFFFD\nPRIORITY=3\nSYSLOG_IDENTIFIER=PlatformTests\n"
@@ -44,7 +44,7 @@ TEST(Platform, MessagesGoToTheJournalOrToStandardErrorAndNeverWait) {
 
   int pipe[2];
   ASSERT_EQ(pipe2(pipe, O_NONBLOCK), 0);
-  ASSERT_GT(write(pipe[1], std::string(100000, 'x').data(), 100000), 0);  // as many as fit
+  ASSERT_GT(write(pipe[1], std::string(100000, 'x').data(), 100000), 0);  // fills the pipe
   ASSERT_EQ(fcntl(pipe[1], F_SETFL, 0), 0);
   dup2(pipe[1], STDERR_FILENO);
   os_log(log, "dropped");

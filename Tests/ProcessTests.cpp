@@ -47,7 +47,7 @@ TEST_F(Processes, BothSignalsAtOnceRestoreOnce) {
   EXPECT_EQ(mac.audited(), started + "write F1Md=1\nrestore → automatic (shutdown); fans=[1]\n");
 }
 
-// The driver throws while it holds the hardware's file, and whoever needs that has to wait for it.
+// The driver throws while it holds the lock on the hardware's file. All other users of it block.
 TEST_F(Processes, AFailureEndsItOnceAllFansAreAutomatic) {
   const auto daemon = mac.start("UnluckyHelper 2>$QUORVANE_ROOT/log");
   EXPECT_EQ(mac.batch("write\tF0Md\t1\nwrite\tF1Md\t1\n"), "true\ntrue\n");
@@ -76,7 +76,7 @@ TEST_F(Processes, TheServiceManagerIsToldAndNeverWaitedFor) {
     daemon.signal(SIGTERM);
     EXPECT_EQ(manager.receive(), "STOPPING=1");
     EXPECT_EQ(daemon.stop(0), 0);
-    while (sendDatagram(name, "")) continue;  // until it has no room left
+    while (sendDatagram(name, "")) continue;  // until the socket is full
     EXPECT_EQ(mac.start()->stop(SIGTERM), 0);
   }
 }
@@ -128,7 +128,7 @@ TEST_F(Processes, FanctlRenewsUntilItIsStoppedAndRefusesAMalformedBatch) {
   EXPECT_EQ(mac.sh("fanctl force 0 2500rpm"), "2:fanctl: rpm must be a whole number: 2500rpm\n");
   EXPECT_EQ(mac.sh("fanctl force 0=0 1=12001"), "2:fanctl: rpm must be 0 to 12000: 12001\n");
   EXPECT_EQ(mac.sh("fanctl force 0=0 0=1"), "2:fanctl: fan 0 is given twice\n");
-  // Says why, as the refused client does not know.
+  // Names a command that prints the reason, because a client that is cut off does not know it.
   const std::string unsignedClient = PROGRAMS_FOLDER "/fanctl";
   EXPECT_EQ(mac.sh(unsignedClient + " ping 2>&1 | sed 's/.*why: //' | sh"),
             "1:" + unsignedClient + ": the signature does not exist\n");
@@ -153,13 +153,13 @@ TEST_F(Processes, FansThatTheKernelShowsGoBeforeTheSimulatedOnes) {
 
 struct KillPoints : Processes {};
 
-// Killed before and after every write of a session to the hardware, which keeps its state; the next
-// one, the real one, has to put that right before it serves anybody.
+// Kills the daemon before and after each write of a session to the hardware, which keeps its state.
+// The next daemon, the real one, must restore the fans before it serves anybody.
 TEST_F(KillPoints, AfterACrashAnywhereAllFansAreAutomaticAtTheFirstReply) {
-  int point = 4;  // behind the two writes of the start
+  int point = 4;  // after the two writes of the start
   for (;; ++point) {
     const auto doomed = mac.start("env KILL_POINT=" + std::to_string(point) + " UnluckyHelper");
-    // Force by mode and target, renew, release, restore, and leave fans for the shutdown.
+    // Forces by mode and target, renews, releases, restores, and leaves fans for the shutdown.
     mac.batch(
         "write\tF0Md\t1\nwrite\tF0Tg\t2500\tfloat\nwrite\tF1Md\t1\nwrite\tF1Tg\t2500\tfloat\n"
         "write\tF0Tg\t2600\tfloat\nwrite\tF0Md\t0\nauto\nwrite\tF0Md\t1\nwrite\tF1Md\t1\n");

@@ -1,4 +1,4 @@
-// The simulated SMC as the helper meets it, behind the IOKit calls, and as smcsim edits it.
+// The simulated SMC, as the helper uses it through the IOKit calls and as smcsim edits it.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -8,7 +8,7 @@
 
 namespace quorvane::simulation {
 
-/// Runs the tool and yields its exit status.
+/// Runs the tool and returns its exit status.
 static int smcsim(const std::string& arguments) {
   return WEXITSTATUS(std::system((SMCSIM " " + arguments + " >/dev/null 2>&1").c_str()));
 }

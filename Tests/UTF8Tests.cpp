@@ -6,18 +6,18 @@ namespace quorvane {
 
 TEST(UTF8, EachMaximalSubpartOfInvalidUTF8BecomesOneReplacement) {
   const std::string r = "\uFFFD";
-  // Of each length.
+  // The first and the last character of each length above one byte.
   const std::string first = "\xC2\x80\xE0\xA0\x80\xF0\x90\x80\x80";
   const std::string last = "\xDF\xBF\xEF\xBF\xBF\xF4\x8F\xBF\xBF";
   const std::pair<std::string, std::string> rows[] = {
       {first, first},
       {last, last},
-      {"a\x80\xBF", "a" + r + r},                                   // trail bytes alone
+      {"a\x80\xBF", "a" + r + r},                                   // trail bytes only
       {"\xC0\xAF\xC1\xBF\xE0\x9F\xBF", r + r + r + r + r + r + r},  // overlong
       {"\xED\xA0\x80\xF4\x90\x80\x80", r + r + r + r + r + r + r},  // surrogate; past the last
       {"\xF5\xFF", r + r},
-      {"\xF1\x80\xE1\x80\x80", r + "\u1000"},  // cut short by another character
-      {"x\xF0\x9F\x8C", "x" + r},              // and by the end
+      {"\xF1\x80\xE1\x80\x80", r + "\u1000"},  // truncated by another character
+      {"x\xF0\x9F\x8C", "x" + r},              // truncated by the end
   };
   for (const auto& [text, replaced] : rows) {
     EXPECT_EQ(replacingInvalidUTF8(text), replaced);

@@ -1,6 +1,6 @@
 // The facade and the client through the real Foundation: an anonymous listener and its connections
-// in this one process, which is signed ad hoc with an identifier. Only the exported object and the
-// way to the listener are stand-ins.
+// in one process, which is signed ad hoc with an identifier. Only the exported object and
+// connectionToHelper() are fakes.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -12,7 +12,7 @@
 #include "Support/Await.h"
 #include "Support/ExportedObject.h"
 
-/// The facade's delegate, with the last connection to be seen.
+/// The facade's delegate. It also keeps the last incoming connection.
 @interface QRVWitness : QRVListenerDelegate
 @property(nullable, retain) NSXPCConnection* incoming;
 @end
@@ -30,7 +30,7 @@ namespace {
 const std::string ours = "identifier \"XPCFacadeTests\"", another = "identifier \"another\"";
 
 NSXPCListenerEndpoint* endpoint = nil;
-std::string demanded;  // of the helper
+std::string demanded;  // the client's requirement on the helper
 
 struct XPCFacade : testing::Test {
   XPCFacade() {
@@ -50,7 +50,7 @@ struct XPCFacade : testing::Test {
 TEST_F(XPCFacade, TheFourOperationsCarryWhatIsThereAndWhatIsNot) {
   ASSERT_TRUE(client.connect()) << client.error();
   EXPECT_EQ(describe(client.writeFanKey("F0\u20AC", INT64_MIN, true)), "true F0\u20AC");
-  // A key that crosses as nil.
+  // A key that is not UTF-8 crosses as nil.
   EXPECT_EQ(describe(client.writeFanKey("\xFF", INT64_MAX, true)), "false ");
   EXPECT_EQ(describe(client.restoreAuto()), "true");
   EXPECT_EQ(client.status(), (StatusReport{{"a", ""}, {"b", "\u20AC"}}));
@@ -72,11 +72,11 @@ TEST_F(XPCFacade, AConnectionThatEndsIsReplacedAtTheNextCall) {
   test::await("write", [this] { return helper->writes == 1; });
   [delegate.incoming invalidate];
   EXPECT_EQ(describe(call.get()), "no reply");
-  helper->answerHeld();  // to nobody
+  helper->answerHeld();  // its connection has ended
   EXPECT_EQ(client.ping(), "ok") << client.error();
 }
 
-// Whoever calls need not ask for a reply.
+// A caller may pass nil as the reply block.
 TEST_F(XPCFacade, RequestsWaitForAPlaceAndMayHaveNoReplyBlock) {
   ASSERT_TRUE(client.connect()) << client.error();
   const id<FanControlXPC> exported = delegate.incoming.exportedObject;
@@ -96,7 +96,7 @@ TEST_F(XPCFacade, RequestsWaitForAPlaceAndMayHaveNoReplyBlock) {
 
 }  // namespace
 
-/// In the place of the client's own.
+/// Replaces the client's function.
 NSXPCConnection* connectionToHelper() {
   NSXPCConnection* const connection = [[NSXPCConnection alloc] initWithListenerEndpoint:endpoint];
   [connection setCodeSigningRequirement:xpc::toNSString(demanded)];
