@@ -21,7 +21,7 @@ std::optional<double> decodeSpeed(FourCC type, const Data& data) {
 }
 
 Data encodeSpeed(FourCC type, double speed) {
-  assert(std::abs(speed) <= std::numeric_limits<float>::max());
+  assert(std::isnan(speed) || std::abs(speed) <= std::numeric_limits<float>::max());
   Data data{};
   if (type == typeFLT) {
     const auto single = static_cast<float>(speed);

@@ -43,7 +43,7 @@ constexpr KeyDescription speedKey(FourCC type, std::uint8_t attributes) {
 
 /// Returns the speed in a key's bytes; nothing if it is not finite. `type` is typeFLT or typeFPE2.
 std::optional<double> decodeSpeed(FourCC type, const Data& data);
-/// REQUIRES: the speed is within the range of a float. typeFPE2 saturates.
+/// REQUIRES: the speed is within the range of a float, or NaN. typeFPE2 saturates.
 Data encodeSpeed(FourCC type, double speed);
 
 enum class Command : std::uint8_t { read = 5, write = 6, info = 9 };
