@@ -58,7 +58,6 @@ TEST(HelperSMC, Encodes) {
       {20000, SMC::typeFPE2, 2, Bytes{0xFF, 0xFF}},
       {2500, SMC::typeFP2E, 0, Bytes{0x27, 0x10}},
       {1.5, SMC::typeSP78, 2, Bytes{0x01, 0x80}},
-      {500, SMC::typeSP78, 2, Bytes{0x7F, 0xFF}},
       {2.5, SMC::typeUI8, 1, Bytes{3}},
       {1, SMC::typeUI8, 0, std::nullopt},
   };

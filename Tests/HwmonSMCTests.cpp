@@ -88,7 +88,6 @@ TEST_F(HwmonSMCTest, WritesOfTheOneKnownDeviceKeepWithinLimitsAndFailWithResults
   EXPECT_EQ(ask(read, "F0Md", byte), 1) << "no mode";
   KernelFolder::errors = {{"fan1_output=2500", EACCES}};
   EXPECT_EQ(ask(write, "F0Tg", intel, 2500), 134);
-  EXPECT_EQ(ask(write, "F2Tg", intel, 2500), 132);
 }
 
 TEST_F(HwmonSMCTest, AppleSiliconFansAreReallyHandedBack) {
